@@ -1,0 +1,48 @@
+// Small file helpers: whole-file reads and crash-safe writes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quor {
+
+// The whole file, or nothing when it cannot be read.
+std::optional<std::string> readFile(const std::filesystem::path& path);
+
+// Replaces `path` with `content` so that a crash leaves the old file or the
+// new one: written to a temporary name beside it, fsync'ed, renamed over the
+// old one, and the directory fsync'ed.
+bool writeFileAtomic(const std::filesystem::path& path, std::string_view content,
+                     mode_t mode = 0644);
+
+// Flushes a directory's entries (after a rename or an unlink in it).
+bool syncDirectory(const std::filesystem::path& dir);
+
+// A file descriptor that closes itself.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    ~UniqueFd();
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+}  // namespace quor

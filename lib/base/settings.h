@@ -1,0 +1,31 @@
+// Platform settings from /etc/quorpkg/settings; a missing file or key means
+// the default.
+#pragma once
+
+#include <string>
+
+namespace quor {
+
+struct Settings {
+    std::string default_volume;          // empty: the volume with most free space
+    std::string auto_upgrade = "none";   // none, important or all
+    int script_timeout = 120;            // seconds
+    int lock_timeout = 60;               // seconds
+    int parallel_jobs = 0;               // 0 means the number of processors
+    long catalog_ttl = 86400;            // seconds
+    std::string firmware_version = "7.0";
+    std::string arch;                    // empty means `uname -m`
+};
+
+Settings loadSettings();
+
+// The machine name as `uname -m` prints it.
+std::string machineArch();
+
+// The architecture packages must be built for: the setting, else the machine's.
+std::string effectiveArch(const Settings& settings);
+
+// The number of parallel jobs: the setting, else the number of processors.
+int effectiveParallelJobs(const Settings& settings);
+
+}  // namespace quor

@@ -1,0 +1,65 @@
+// The package manifest (INFO): key="value" lines describing a package.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/key_value.h"
+#include "pkg_manager.h"
+
+namespace quor {
+
+// One item of install_dep_packages / install_conflict_packages:
+// "name", or "name" followed by an operator (>=, <=, >, <, =) and a version.
+struct Dependency {
+    std::string name;
+    std::string op;       // empty: any version
+    std::string version;  // empty when op is empty
+};
+
+struct Manifest {
+    KeyValues pairs;  // every key as read, unknown ones included, in file order
+    std::string name;
+    std::string version;
+    std::string displayname;  // defaults to the name
+    std::string description;
+    std::string maintainer;
+    std::string manager_url;
+    std::string ui_dir;
+    std::string firmware;  // lowest firmware version that runs the package
+    std::string arch;      // "noarch" or a `uname -m` name; empty means noarch
+    std::string checksum;  // md5 of the payload member, lower-case hex
+    int admin_port = 0;
+    bool beta = false;
+    std::vector<Dependency> depends;
+    std::vector<Dependency> conflicts;
+    std::vector<std::string> services;  // install_dep_services, e.g. "pgsql"
+};
+
+bool isValidPackageName(std::string_view name);
+bool isValidVersion(std::string_view version);
+
+// kOk, or kBadManifest with a reason in `error`.
+int parseManifest(std::string_view text, Manifest& out, std::string* error = nullptr);
+
+// The manifest as INFO text (every pair, in order).
+std::string formatManifest(const Manifest& manifest);
+
+// "name>=1.2" and the like; nothing when the item is malformed.
+std::optional<Dependency> parseDependency(std::string_view item);
+
+// Fills the record fields from the manifest: name, version, description,
+// maintainer, manager_url, displayname, ui_dir, beta, admin_port,
+// script_mask, list_a (services), basic_list_a (dependencies: name in
+// basic_text_a, "op version" joined as in ">=1.2" in basic_text_b),
+// basic_list_b (conflicts) and extra.fields (firmware, arch, checksum and
+// unknown keys).
+void fillPackageInfo(const Manifest& manifest, int scriptMask,
+                     QUORPackageTool::PackageInfo& out);
+
+// The dependencies of a record filled by fillPackageInfo.
+std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info);
+
+}  // namespace quor

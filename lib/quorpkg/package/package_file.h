@@ -1,0 +1,57 @@
+// Reading package files (.zpk): an uncompressed tar whose first member is the
+// manifest INFO, then the payload package.tgz or package.tzst, optional
+// scripts/<name> and conf/... members. All reading goes through libarchive.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "quorpkg/package/manifest.h"
+
+namespace quor {
+
+// Bits of script_mask, by script.
+enum ScriptBit : int {
+    kPreinst = 1,
+    kPostinst = 2,
+    kPreuninst = 4,
+    kPostuninst = 8,
+    kPreupgrade = 16,
+    kPostupgrade = 32,
+    kStartStopStatus = 64,
+};
+
+// The bit of a script name, 0 for an unknown name.
+int scriptBit(std::string_view scriptName);
+
+// The manifest and the member names of a package file.
+struct PackageFileHead {
+    Manifest manifest;
+    int scriptMask = 0;
+    std::string payloadMember;         // "package.tgz" or "package.tzst"
+    std::vector<std::string> members;  // every member name, in archive order
+};
+
+// Reads the manifest and the member names only; the payload is skipped, not
+// read, so the time does not grow with its size. Checks member names and
+// types (unsafe: kUnsafeEntry) and the manifest (kBadManifest). Unreadable or
+// not a tar: kFileUnreadable. kOk on success.
+int readPackageHead(const std::filesystem::path& file, PackageFileHead& out,
+                    std::string* error = nullptr);
+
+// Where unpackPackage puts each part. Each directory is created if missing.
+struct UnpackTargets {
+    std::filesystem::path payload;  // the payload's entries
+    std::filesystem::path scripts;  // scripts/<name> members, made executable
+    std::filesystem::path conf;     // conf/... members
+};
+
+// Checks the payload checksum against the manifest (kChecksumMismatch) and
+// every payload entry (kUnsafeEntry), then unpacks. Nothing is written before
+// the checksum has been verified; on failure the targets may hold a partial
+// unpack, which the caller (staging) discards. kNoSpace on ENOSPC.
+int unpackPackage(const std::filesystem::path& file, const PackageFileHead& head,
+                  const UnpackTargets& targets, std::string* error = nullptr);
+
+}  // namespace quor

@@ -1,0 +1,41 @@
+// Running a package's lifecycle scripts: a clean environment, the package's
+// directory as working directory, output appended to the package log, and a
+// time limit after which the script's whole process group is killed.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace quor {
+
+struct ScriptRun {
+    std::filesystem::path script;   // host path of the script
+    std::vector<std::string> args;  // e.g. {"start"}
+    std::string packageName;
+    std::string packageVersion;
+    std::string oldVersion;         // set on upgrade: QUOR_PKG_OLD_VERSION
+    std::filesystem::path target;   // QUOR_PKG_TARGET (host path)
+    std::string event;              // QUOR_PKG_EVENT
+    std::string param;              // QUOR_PKG_PARAM
+    std::filesystem::path workDir;  // defaults to /var/packages/<name>
+    bool captureStdout = false;     // keep stdout in ScriptOutcome instead of the log
+    int timeoutSeconds = 0;         // 0: the script_timeout setting
+};
+
+struct ScriptOutcome {
+    int exitCode = 0;    // the script's status; 128+N when killed by signal N
+    bool timedOut = false;
+    bool launched = true;  // false when the script could not be started
+    std::string output;  // stdout when captureStdout
+};
+
+// Runs the script and waits for it; never leaves a zombie or a stray child.
+ScriptOutcome runScript(const ScriptRun& run);
+
+// Runs /var/packages/<name>/scripts/<script> when it exists (kOk when it
+// does not). kOk, kScriptFailed or kScriptTimeout.
+int runPackageScript(const std::string& name, const std::string& script,
+                     const std::vector<std::string>& args, const ScriptRun& base = {});
+
+}  // namespace quor
