@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/key_value.h"
+#include "base/settings.h"
 #include "pkg_manager.h"
 
 namespace quor {
@@ -56,10 +57,15 @@ std::optional<Dependency> parseDependency(std::string_view item);
 // basic_text_a, "op version" joined as in ">=1.2" in basic_text_b),
 // basic_list_b (conflicts) and extra.fields (firmware, arch, checksum and
 // unknown keys).
-void fillPackageInfo(const Manifest& manifest, int scriptMask,
-                     QUORPackageTool::PackageInfo& out);
+void fillPackageInfo(const Manifest& manifest, int scriptMask, QUORPackageTool::PackageInfo& out);
 
-// The dependencies of a record filled by fillPackageInfo.
+// The dependencies of a record filled by fillPackageInfo. A constraint that
+// cannot be read keeps its text, so that it is never met.
 std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info);
+
+// Whether this device can run the package: kOk, kWrongArch when the package
+// is built for another machine (an empty arch or "noarch" fits any), or
+// kFirmwareTooOld when its `firmware` is newer than settings.firmware_version.
+int checkPlatformFit(const Manifest& manifest, const Settings& settings);
 
 }  // namespace quor

@@ -1,6 +1,7 @@
 // Reading package files (.zpk): an uncompressed tar whose first member is the
-// manifest INFO, then the payload package.tgz or package.tzst, optional
-// scripts/<name> and conf/... members. All reading goes through libarchive.
+// manifest INFO (the reader takes it anywhere), then the payload package.tgz
+// or package.tzst, optional scripts/<name> and conf/... members. All reading
+// goes through libarchive. docs/package-format.md lists what is refused.
 #pragma once
 
 #include <filesystem>
@@ -35,8 +36,8 @@ struct PackageFileHead {
 
 // Reads the manifest and the member names only; the payload is skipped, not
 // read, so the time does not grow with its size. Checks member names and
-// types (unsafe: kUnsafeEntry) and the manifest (kBadManifest). Unreadable or
-// not a tar: kFileUnreadable. kOk on success.
+// types (unsafe: kUnsafeEntry), the layout and the manifest (kBadManifest).
+// Unreadable, not a tar, or cut short: kFileUnreadable. kOk on success.
 int readPackageHead(const std::filesystem::path& file, PackageFileHead& out,
                     std::string* error = nullptr);
 
@@ -51,6 +52,9 @@ struct UnpackTargets {
 // every payload entry (kUnsafeEntry), then unpacks. Nothing is written before
 // the checksum has been verified; on failure the targets may hold a partial
 // unpack, which the caller (staging) discards. kNoSpace on ENOSPC.
+// While writing, the process's working directory is each target in turn
+// (libarchive's safety checks take relative names only): other threads must
+// not use relative paths meanwhile. Unpacks in one process run one at a time.
 int unpackPackage(const std::filesystem::path& file, const PackageFileHead& head,
                   const UnpackTargets& targets, std::string* error = nullptr);
 

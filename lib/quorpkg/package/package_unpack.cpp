@@ -1,0 +1,268 @@
+// Unpacking a package file: a first pass checks the payload's checksum and
+// every payload entry without writing anything; a second pass writes.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+#include <optional>
+
+#include "base/file_util.h"
+#include "base/result.h"
+#include "quorpkg/package/archive_io.h"
+#include "quorpkg/package/entry_check.h"
+#include "quorpkg/package/package_file.h"
+#include "quorpkg/package/package_reader.h"
+
+namespace fs = std::filesystem;
+
+namespace quor {
+namespace {
+
+int codeForErrno(int err) {
+    if (err == ENOSPC || err == EDQUOT) return kNoSpace;
+    // libarchive's own refusals (its SECURE_* checks) carry its "misc"
+    // error number, -1, instead of a system one.
+    if (err == -1) return kUnsafeEntry;
+    return kStoreUnusable;
+}
+
+// An archive_write_disk writer that works inside one directory. libarchive's
+// SECURE_* checks only accept relative names, so the writer runs with that
+// directory as the working directory and goes back when closed. A process
+// lock keeps two unpacks from moving the working directory at once.
+class DiskWriter {
+public:
+    DiskWriter() = default;
+    DiskWriter(const DiskWriter&) = delete;
+    DiskWriter& operator=(const DiskWriter&) = delete;
+    ~DiskWriter() { close(); }
+
+    int open(const fs::path& dir, std::string& why) {
+        close();
+        home_ = UniqueFd(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!home_ || ::chdir(dir.c_str()) != 0) {
+            int err = errno;
+            home_ = UniqueFd();
+            why = "cannot enter " + dir.string();
+            return codeForErrno(err);
+        }
+        dir_ = dir;
+        writer_.reset(archive_write_disk_new());
+        archive_write_disk_set_options(writer_.get(), ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME |
+                                                          ARCHIVE_EXTRACT_SECURE_NODOTDOT |
+                                                          ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                                          ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+        return kOk;
+    }
+
+    const fs::path& dir() const { return dir_; }
+
+    // Writes `entry` under `name` with the data that follows it in `reader`.
+    int write(archive* reader, archive_entry* entry, const std::string& name,
+              std::optional<mode_t> perm, std::string& why) {
+        archive_entry_set_pathname(entry, name.c_str());
+        // Modes are kept, except that no package gets set-id programs.
+        mode_t mode = perm ? *perm : archive_entry_perm(entry) & ~mode_t(S_ISUID | S_ISGID);
+        archive_entry_set_perm(entry, mode);
+        if (archive_write_header(writer_.get(), entry) < ARCHIVE_WARN) return failed(name, why);
+        if (archive_entry_filetype(entry) == AE_IFREG && archive_entry_size(entry) > 0) {
+            const void* block;
+            size_t size;
+            la_int64_t offset;
+            int r;
+            while ((r = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
+                if (archive_write_data_block(writer_.get(), block, size, offset) < ARCHIVE_OK)
+                    return failed(name, why);
+            }
+            if (r != ARCHIVE_EOF) {
+                why = "cannot read " + name + ": " + archive_io::errorText(reader);
+                return kFileUnreadable;
+            }
+        }
+        if (archive_write_finish_entry(writer_.get()) < ARCHIVE_WARN) return failed(name, why);
+        return kOk;
+    }
+
+    // Finishes the pending work (directory modes and times) in the directory.
+    int close(std::string* why = nullptr) {
+        int code = kOk;
+        if (writer_ && archive_write_close(writer_.get()) != ARCHIVE_OK) {
+            code = codeForErrno(archive_errno(writer_.get()));
+            if (why)
+                *why =
+                    "cannot finish " + dir_.string() + ": " + archive_io::errorText(writer_.get());
+        }
+        writer_.reset();
+        if (home_ && ::fchdir(home_.get()) != 0 && code == kOk) code = kStoreUnusable;
+        home_ = UniqueFd();
+        dir_.clear();
+        return code;
+    }
+
+private:
+    int failed(const std::string& name, std::string& why) {
+        why = "cannot write " + name + ": " + archive_io::errorText(writer_.get());
+        return codeForErrno(archive_errno(writer_.get()));
+    }
+
+    archive_io::WriteArchive writer_;
+    UniqueFd home_;
+    fs::path dir_;
+};
+
+// The payload as a stream read from the outer archive's current member,
+// hashed on the way through.
+struct PayloadStream {
+    archive* outer;
+    archive_io::Md5 md5;
+    char buffer[64 * 1024];
+
+    static la_ssize_t read(archive* inner, void* self, const void** block) {
+        auto* stream = static_cast<PayloadStream*>(self);
+        la_ssize_t n = archive_read_data(stream->outer, stream->buffer, sizeof stream->buffer);
+        if (n < 0) {
+            archive_set_error(inner, EIO, "%s", archive_io::errorText(stream->outer).c_str());
+            return -1;
+        }
+        stream->md5.update(stream->buffer, static_cast<size_t>(n));
+        *block = stream->buffer;
+        return n;
+    }
+};
+
+// Reads the payload's entries from the current member of `outer`: checks
+// each, and writes it with `disk` when given. The checksum is compared
+// after the whole member went through, and a mismatch outranks any other
+// failure, which a damaged payload would explain.
+int streamPayload(archive* outer, const std::string& member, const std::string& checksum,
+                  DiskWriter* disk, std::string& why) {
+    auto stream = std::make_unique<PayloadStream>();
+    stream->outer = outer;
+    archive_io::ReadArchive inner(archive_read_new());
+    archive_read_support_format_tar(inner.get());
+    // Only the two decompressors a payload may use: no external programs
+    // are ever started for untrusted input.
+    bool zstd = member == "package.tzst";
+    if (zstd)
+        archive_read_support_filter_zstd(inner.get());
+    else
+        archive_read_support_filter_gzip(inner.get());
+    archive_read_set_read_callback(inner.get(), &PayloadStream::read);
+    archive_read_set_callback_data(inner.get(), stream.get());
+
+    int code = kOk;
+    if (archive_read_open1(inner.get()) != ARCHIVE_OK) {
+        why = "cannot read the payload: " + archive_io::errorText(inner.get());
+        code = kFileUnreadable;
+    }
+    TreeChecker checker;
+    while (code == kOk) {
+        archive_entry* entry = nullptr;
+        int r = archive_read_next_header(inner.get(), &entry);
+        if (r == ARCHIVE_EOF) break;
+        int wanted = zstd ? ARCHIVE_FILTER_ZSTD : ARCHIVE_FILTER_GZIP;
+        if (r < ARCHIVE_WARN || archive_filter_code(inner.get(), 0) != wanted) {
+            why = "cannot read the payload " + member + ": " + archive_io::errorText(inner.get());
+            code = kFileUnreadable;
+            break;
+        }
+        std::optional<std::string> name = checker.check(entry, why);
+        if (!name) {
+            code = kUnsafeEntry;
+        } else if (disk) {
+            if (!name->empty()) code = disk->write(inner.get(), entry, *name, std::nullopt, why);
+        } else if (archive_read_data_skip(inner.get()) != ARCHIVE_OK) {
+            why = "cannot read the payload " + member + ": " + archive_io::errorText(inner.get());
+            code = kFileUnreadable;
+        }
+    }
+    // Hash what the payload reader left of the member.
+    const void* block;
+    size_t size;
+    la_int64_t offset;
+    int r;
+    while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK)
+        stream->md5.update(block, size);
+    if (r != ARCHIVE_EOF) {
+        why = "cannot read " + member + ": " + archive_io::errorText(outer);
+        return kFileUnreadable;
+    }
+    if (!checksum.empty() && stream->md5.hex() != checksum) {
+        why = "checksum mismatch of " + member;
+        return kChecksumMismatch;
+    }
+    return code;
+}
+
+// One pass over the package file; writes only when `targets` is given.
+int unpackPass(int fd, const std::string& checksum, const UnpackTargets* targets,
+               std::string& why) {
+    DiskWriter disk;
+    auto visit = [&](archive* reader, archive_entry* entry, const std::string& name,
+                     MemberKind kind, std::string& reason) -> int {
+        if (kind == MemberKind::kPayload) {
+            if (!targets) return streamPayload(reader, name, checksum, nullptr, reason);
+            if (int code = disk.open(targets->payload, reason)) return code;
+            int code = streamPayload(reader, name, checksum, &disk, reason);
+            int closed = disk.close(&reason);
+            return code != kOk ? code : closed;
+        }
+        if (!targets || (kind != MemberKind::kScript && kind != MemberKind::kConf)) return kOk;
+        const fs::path& dir = kind == MemberKind::kScript ? targets->scripts : targets->conf;
+        if (disk.dir() != dir)
+            if (int code = disk.open(dir, reason)) return code;
+        std::string relative = name.substr(name.find('/') + 1);
+        std::optional<mode_t> perm;
+        if (kind == MemberKind::kScript) perm = 0755;
+        return disk.write(reader, entry, relative, perm, reason);
+    };
+    int code = walkMembers(fd, visit, why);
+    std::string closeWhy;
+    int closed = disk.close(&closeWhy);
+    if (code == kOk && closed != kOk) {
+        why = closeWhy;
+        code = closed;
+    }
+    return code;
+}
+
+std::mutex& workingDirectoryLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+}  // namespace
+
+int unpackPackage(const fs::path& file, const PackageFileHead& head, const UnpackTargets& targets,
+                  std::string* error) {
+    std::string why;
+    int code = kOk;
+    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        why = "cannot open " + file.string();
+        code = kFileUnreadable;
+    }
+    // Everything is checked before the first byte is written.
+    if (code == kOk) code = unpackPass(fd.get(), head.manifest.checksum, nullptr, why);
+    if (code == kOk) {
+        std::error_code ec;
+        for (const fs::path& dir : {targets.payload, targets.scripts, targets.conf}) {
+            fs::create_directories(dir, ec);
+            if (ec) {
+                why = "cannot create " + dir.string() + ": " + ec.message();
+                code = codeForErrno(ec.value());
+                break;
+            }
+        }
+    }
+    if (code == kOk) {
+        std::lock_guard<std::mutex> guard(workingDirectoryLock());
+        code = unpackPass(fd.get(), head.manifest.checksum, &targets, why);
+    }
+    if (code != kOk && error) *error = why;
+    return code;
+}
+
+}  // namespace quor

@@ -1,0 +1,203 @@
+#include "test_support.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+#include "base/key_value.h"
+#include "quorpkg/package/package_writer.h"
+
+namespace quor::test {
+namespace {
+
+struct ArchiveWriteDeleter {
+    void operator()(archive* a) const { archive_write_free(a); }
+};
+struct EntryDeleter {
+    void operator()(archive_entry* e) const { archive_entry_free(e); }
+};
+
+void check(bool ok, const std::string& what) {
+    if (!ok) throw std::runtime_error("test setup failed: " + what);
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "quortest.XXXXXX").string();
+    check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    // Tests may leave read-only folders behind; make them writable first.
+    for (auto it = fs::recursive_directory_iterator(path_, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        if (it->is_directory(ec) && !it->is_symlink(ec))
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+    }
+    fs::remove_all(path_, ec);
+}
+
+TempRoot::TempRoot() {
+    if (const char* old = std::getenv("QUOR_ROOT")) {
+        hadPrevious_ = true;
+        previous_ = old;
+    }
+    ::setenv("QUOR_ROOT", dir_.path().c_str(), 1);
+}
+
+TempRoot::~TempRoot() {
+    if (hadPrevious_)
+        ::setenv("QUOR_ROOT", previous_.c_str(), 1);
+    else
+        ::unsetenv("QUOR_ROOT");
+}
+
+fs::path TempRoot::host(std::string_view systemPath) const {
+    while (!systemPath.empty() && systemPath.front() == '/') systemPath.remove_prefix(1);
+    return path() / systemPath;
+}
+
+fs::path TempRoot::addVolume(int number) const {
+    fs::path volume = path() / ("volume" + std::to_string(number));
+    fs::create_directories(volume);
+    return volume;
+}
+
+void writeText(const fs::path& file, std::string_view content, mode_t mode) {
+    if (file.has_parent_path()) fs::create_directories(file.parent_path());
+    {
+        std::ofstream out(file, std::ios::binary | std::ios::trunc);
+        out.write(content.data(), static_cast<std::streamsize>(content.size()));
+        check(static_cast<bool>(out), "write " + file.string());
+    }
+    check(::chmod(file.c_str(), mode) == 0, "chmod " + file.string());
+}
+
+void writePackageSource(const fs::path& dir, const PackageSpec& spec) {
+    std::string info = spec.rawInfo;
+    if (info.empty()) {
+        KeyValues pairs = {{"package", spec.name}, {"version", spec.version}};
+        pairs.insert(pairs.end(), spec.info.begin(), spec.info.end());
+        info = formatKeyValues(pairs);
+    }
+    writeText(dir / "INFO", info);
+    fs::create_directories(dir / "package");
+    for (const auto& [path, content] : spec.files) {
+        bool executable = content.rfind("#!", 0) == 0;
+        writeText(dir / "package" / path, content, executable ? 0755 : 0644);
+    }
+    for (const auto& [script, body] : spec.scripts) writeText(dir / "scripts" / script, body, 0755);
+    for (const auto& [path, content] : spec.conf) writeText(dir / "conf" / path, content);
+}
+
+fs::path buildTestPackage(const fs::path& outDir, const PackageSpec& spec,
+                          PayloadCompression compression) {
+    fs::path source = outDir / ("src-" + spec.name + "-" + spec.version);
+    fs::remove_all(source);
+    writePackageSource(source, spec);
+    fs::path file = outDir / (spec.name + "-" + spec.version + ".zpk");
+    std::string error;
+    int code = buildPackage(source, file, compression, &error);
+    check(code == 0, "buildPackage " + std::to_string(code) + ": " + error);
+    fs::remove_all(source);
+    return file;
+}
+
+TarEntry fileEntry(std::string name, std::string data, mode_t perm) {
+    TarEntry entry;
+    entry.name = std::move(name);
+    entry.data = std::move(data);
+    entry.perm = perm;
+    return entry;
+}
+
+TarEntry dirEntry(std::string name, mode_t perm) {
+    TarEntry entry;
+    entry.name = std::move(name);
+    entry.type = AE_IFDIR;
+    entry.perm = perm;
+    return entry;
+}
+
+TarEntry symlinkEntry(std::string name, std::string target) {
+    TarEntry entry;
+    entry.name = std::move(name);
+    entry.type = AE_IFLNK;
+    entry.perm = 0777;
+    entry.symlink = std::move(target);
+    return entry;
+}
+
+std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter) {
+    std::unique_ptr<archive, ArchiveWriteDeleter> a(archive_write_new());
+    check(archive_write_set_format_pax_restricted(a.get()) == ARCHIVE_OK, "tar format");
+    archive_write_set_format_option(a.get(), "pax", "hdrcharset", "BINARY");
+    if (filter == TarFilter::kGzip)
+        check(archive_write_add_filter_gzip(a.get()) == ARCHIVE_OK, "gzip");
+    if (filter == TarFilter::kZstd)
+        check(archive_write_add_filter_zstd(a.get()) == ARCHIVE_OK, "zstd");
+    // Hand-made archives may be tiny; no padding to a 10 KiB block.
+    archive_write_set_bytes_in_last_block(a.get(), 1);
+    // The memory writer needs a buffer that holds the whole archive.
+    size_t need = 1 << 20;
+    for (const TarEntry& e : entries) need += e.data.size() + 4096;
+    std::string out(need, '\0');
+    size_t used = 0;
+    check(archive_write_open_memory(a.get(), out.data(), out.size(), &used) == ARCHIVE_OK,
+          "open memory");
+    for (const TarEntry& e : entries) {
+        std::unique_ptr<archive_entry, EntryDeleter> entry(archive_entry_new());
+        archive_entry_set_pathname(entry.get(), e.name.c_str());
+        archive_entry_set_filetype(entry.get(), e.type);
+        archive_entry_set_perm(entry.get(), e.perm);
+        archive_entry_set_mtime(entry.get(), 1700000000, 0);
+        if (!e.symlink.empty()) archive_entry_set_symlink(entry.get(), e.symlink.c_str());
+        if (!e.hardlink.empty()) archive_entry_set_hardlink(entry.get(), e.hardlink.c_str());
+        if (e.type == AE_IFCHR || e.type == AE_IFBLK) archive_entry_set_rdev(entry.get(), 0x0103);
+        bool hasData = e.type == AE_IFREG && e.hardlink.empty();
+        archive_entry_set_size(entry.get(), hasData ? static_cast<la_int64_t>(e.data.size()) : 0);
+        check(archive_write_header(a.get(), entry.get()) == ARCHIVE_OK, "header " + e.name);
+        if (hasData && !e.data.empty())
+            check(archive_write_data(a.get(), e.data.data(), e.data.size()) ==
+                      static_cast<la_ssize_t>(e.data.size()),
+                  "data " + e.name);
+    }
+    check(archive_write_close(a.get()) == ARCHIVE_OK, "close");
+    out.resize(used);
+    return out;
+}
+
+void writeTar(const fs::path& file, const std::vector<TarEntry>& entries) {
+    writeText(file, tarBytes(entries));
+}
+
+std::string md5Hex(std::string_view data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    check(EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr) == 1, "md5");
+    static const char* hex = "0123456789abcdef";
+    std::string out;
+    for (unsigned int i = 0; i < length; ++i) {
+        out += hex[digest[i] >> 4];
+        out += hex[digest[i] & 15];
+    }
+    return out;
+}
+
+std::string infoText(std::string_view name, std::string_view version,
+                     std::string_view payloadBytes) {
+    return formatKeyValues({{"package", std::string(name)},
+                            {"version", std::string(version)},
+                            {"checksum", md5Hex(payloadBytes)}});
+}
+
+}  // namespace quor::test

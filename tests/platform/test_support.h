@@ -1,0 +1,111 @@
+// Helpers shared by the platform tests: temporary folders and system roots,
+// package sources and package files, and raw tar archives for hostile input.
+// Helpers throw std::runtime_error when the host fails them; GoogleTest
+// reports that as a failure of the test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "quorpkg/package/package_writer.h"
+
+namespace quor::test {
+
+namespace fs = std::filesystem;
+
+// A fresh directory under the system's temporary folder, removed with its
+// content on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+// A temporary system root: QUOR_ROOT points at a fresh directory for the
+// object's life, then gets back its previous value (or is unset) and the
+// directory is removed.
+class TempRoot {
+public:
+    TempRoot();
+    ~TempRoot();
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+
+    const fs::path& path() const { return dir_.path(); }
+    // The host path of a system path: host("/var/packages") is <root>/var/packages.
+    fs::path host(std::string_view systemPath) const;
+    // Creates <root>/volume<n> and returns it.
+    fs::path addVolume(int number = 1) const;
+
+private:
+    TempDir dir_;
+    bool hadPrevious_ = false;
+    std::string previous_;
+};
+
+// Writes `content` to `file`, creating its parent directories.
+void writeText(const fs::path& file, std::string_view content, mode_t mode = 0644);
+
+// What a test package holds. The INFO written is package, version, then
+// `info` in order; `rawInfo`, when set, replaces the whole INFO text.
+struct PackageSpec {
+    std::string name = "demo";
+    std::string version = "1.0-0001";
+    std::vector<std::pair<std::string, std::string>> info;  // more manifest keys
+    std::string rawInfo;
+    std::map<std::string, std::string> files = {{"bin/demo", "#!/bin/sh\necho demo\n"}};
+    std::map<std::string, std::string> scripts;  // script name -> body, made executable
+    std::map<std::string, std::string> conf;     // path under conf/ -> content
+};
+
+// Writes a package source folder (INFO, package/, scripts/, conf/) into `dir`.
+void writePackageSource(const fs::path& dir, const PackageSpec& spec);
+
+// Builds <outDir>/<name>-<version>.zpk from `spec` with buildPackage and
+// returns its path.
+fs::path buildTestPackage(const fs::path& outDir, const PackageSpec& spec,
+                          PayloadCompression compression = PayloadCompression::kGzip);
+
+// One entry of a hand-made tar archive. `type` is a libarchive AE_IF* value.
+struct TarEntry {
+    std::string name;
+    std::string data;         // content of a regular file
+    unsigned type = 0100000;  // AE_IFREG
+    mode_t perm = 0644;
+    std::string symlink;   // target of a symbolic link (type AE_IFLNK)
+    std::string hardlink;  // target of a hard link (regular type, no data)
+};
+
+TarEntry fileEntry(std::string name, std::string data, mode_t perm = 0644);
+TarEntry dirEntry(std::string name, mode_t perm = 0755);
+TarEntry symlinkEntry(std::string name, std::string target);
+
+enum class TarFilter { kNone, kGzip, kZstd };
+
+// A pax tar of `entries` in the given order, as bytes.
+std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter = TarFilter::kNone);
+
+// Writes an uncompressed pax tar of `entries` to `file`.
+void writeTar(const fs::path& file, const std::vector<TarEntry>& entries);
+
+// Lower-case hex md5 of `data`.
+std::string md5Hex(std::string_view data);
+
+// A valid INFO text for a package with the given payload bytes.
+std::string infoText(std::string_view name, std::string_view version,
+                     std::string_view payloadBytes);
+
+}  // namespace quor::test

@@ -1,0 +1,51 @@
+// zpk: builds and inspects package files (.zpk).
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "commands.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    int (*run)(int, char**);
+    const char* usage;
+};
+
+const Command kCommands[] = {
+    {"build", zpkBuild,
+     "build DIR -o FILE.zpk [--zstd]   build a package file from a source folder"},
+    {"info", zpkInfo,
+     "info FILE.zpk                    print a package file's manifest and members"},
+    {"index", zpkIndex,
+     "index DIR                        write the package server catalog of a folder"},
+};
+
+int usage(FILE* out) {
+    std::fprintf(out, "usage: zpk <command> [...]\n");
+    for (const Command& command : kCommands) std::fprintf(out, "  zpk %s\n", command.usage);
+    return out == stdout ? 0 : 2;
+}
+
+}  // namespace
+
+int zpkError(int status, const char* format, ...) {
+    std::fputs("zpk: ", stderr);
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+    std::fputc('\n', stderr);
+    return status;
+}
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usage(stderr);
+    if (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)
+        return usage(stdout);
+    for (const Command& command : kCommands)
+        if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 1, argv + 1);
+    zpkError(2, "unknown command: %s", argv[1]);
+    return usage(stderr);
+}
