@@ -19,11 +19,21 @@ struct InstallRequest {
 };
 
 // Installs, reinstalls or upgrades (same name, any version) from a package
-// file. kOk or a result code; the store is unchanged on failure.
+// file. kOk or a result code; the store is unchanged on failure. A new
+// package whose start fails stays installed, turned off, and kOk is returned.
 int installPackage(const InstallRequest& request);
 
-// Removes the named packages in reverse dependency order, all or none.
-int removePackages(const std::vector<std::string>& names);
+// The volume a package goes to: the one it is installed on, else
+// `requested` (a host path), else the default_volume setting, else the
+// volume with the most free space. kOk, or kNoVolume.
+int chooseVolume(const std::string& name, const std::filesystem::path& requested,
+                 std::filesystem::path& out);
+
+// Removes the named packages in reverse dependency order, all or none: every
+// name must be valid (kBadArgument) and installed (kNoSuchPackage), and no
+// other installed package may require one of them (kHasDependents). Without
+// `runScripts` the preuninst and postuninst scripts are skipped.
+int removePackages(const std::vector<std::string>& names, bool runScripts = true);
 
 // Rolls an unfinished change back or forward. Called under the lock by every
 // change; init() calls it too when the lock is free.

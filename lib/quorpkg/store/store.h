@@ -33,4 +33,14 @@ std::filesystem::path installedVolume(const std::string& name);
 
 bool isEnabled(const std::string& name);
 
+// The text of the target link for a payload on `volume`: relative
+// ("../../../volume1/@appstore/<name>"), so it holds on the device and
+// under any system root.
+std::filesystem::path targetLinkText(const std::filesystem::path& volume, const std::string& name);
+
+// Makes /usr/quor/quorman/webman/3rdparty/<name> a relative link to
+// /var/packages/<name>/target/<uiDir> (nothing to do for an empty uiDir).
+bool makeWebEntry(const std::string& name, const std::string& uiDir);
+void removeWebEntry(const std::string& name);
+
 }  // namespace quor

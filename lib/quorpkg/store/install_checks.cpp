@@ -1,0 +1,113 @@
+#include "quorpkg/store/install_checks.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <set>
+#include <system_error>
+
+#include "base/layout.h"
+#include "base/result.h"
+#include "base/settings.h"
+#include "base/system_root.h"
+#include "quorpkg/package/version.h"
+#include "quorpkg/store/installer.h"
+#include "quorpkg/store/store.h"
+
+namespace fs = std::filesystem;
+
+namespace quor {
+namespace {
+
+bool matches(const std::string& version, const Dependency& item) {
+    return item.op.empty() || versionSatisfies(version, item.op, item.version);
+}
+
+unsigned long long freeBytes(const fs::path& dir) {
+    struct statvfs info {};
+    if (::statvfs(dir.c_str(), &info) != 0) return 0;
+    return static_cast<unsigned long long>(info.f_bavail) * info.f_frsize;
+}
+
+bool isDirectory(const fs::path& path) {
+    std::error_code ec;
+    return !path.empty() && fs::is_directory(path, ec);
+}
+
+}  // namespace
+
+int checkRequirements(const Manifest& manifest) {
+    for (const Dependency& required : manifest.depends) {
+        if (required.name == manifest.name) continue;
+        Manifest installed;
+        if (readInstalledManifest(required.name, installed) != kOk ||
+            !matches(installed.version, required))
+            return kMissingDependency;
+    }
+    for (const Dependency& conflict : manifest.conflicts) {
+        Manifest installed;
+        if (conflict.name != manifest.name &&
+            readInstalledManifest(conflict.name, installed) == kOk &&
+            matches(installed.version, conflict))
+            return kConflict;
+    }
+    // The installed packages' view of the new one.
+    for (const std::string& other : installedPackages()) {
+        Manifest installed;
+        if (other == manifest.name || readInstalledManifest(other, installed) != kOk) continue;
+        for (const Dependency& conflict : installed.conflicts)
+            if (conflict.name == manifest.name && matches(manifest.version, conflict))
+                return kConflict;
+        for (const Dependency& required : installed.depends)
+            if (required.name == manifest.name && !matches(manifest.version, required))
+                return kHasDependents;
+    }
+    return kOk;
+}
+
+int checkSpace(const fs::path& volume, const fs::path& file) {
+    std::error_code ec;
+    const auto size = fs::file_size(file, ec);
+    if (ec) return kFileUnreadable;
+    return freeBytes(volume) < size ? kNoSpace : kOk;
+}
+
+int chooseVolume(const std::string& name, const fs::path& requested, fs::path& out) {
+    // An installed package stays where it is.
+    fs::path current = installedVolume(name);
+    if (isDirectory(current)) {
+        out = current;
+        return kOk;
+    }
+    if (!requested.empty()) {
+        if (!isDirectory(requested)) return kNoVolume;
+        out = requested;
+        return kOk;
+    }
+    const Settings settings = loadSettings();
+    if (!settings.default_volume.empty()) {
+        fs::path configured = hostPath(settings.default_volume);
+        if (!isDirectory(configured)) return kNoVolume;
+        out = configured;
+        return kOk;
+    }
+    // The most free space; on a tie the lowest volume number. Volumes on one
+    // file system share their space: the first of them stands for all, so
+    // writes elsewhere between two measurements cannot tip the choice.
+    unsigned long long best = 0;
+    bool found = false;
+    std::set<dev_t> seen;
+    for (const fs::path& volume : layout::volumes()) {
+        struct stat info {};
+        if (::stat(volume.c_str(), &info) != 0 || !seen.insert(info.st_dev).second) continue;
+        unsigned long long room = freeBytes(volume);
+        if (!found || room > best) {
+            best = room;
+            out = volume;
+            found = true;
+        }
+    }
+    return found ? kOk : kNoVolume;
+}
+
+}  // namespace quor

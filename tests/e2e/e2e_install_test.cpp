@@ -1,0 +1,151 @@
+// install, query, version, log and uninstall through the built binary.
+#include <gtest/gtest.h>
+
+#include "base/file_util.h"
+#include "tool_runner.h"
+
+namespace quor::e2e {
+namespace {
+
+using test::PackageSpec;
+
+// A service that keeps its state in $QUOR_ROOT/<name>.running.
+std::string service(const std::string& name) {
+    const std::string flag = "\"$QUOR_ROOT/" + name + ".running\"";
+    return "#!/bin/sh\ncase \"$1\" in\nstart) touch " + flag + ";;\nstop) rm -f " + flag +
+           ";;\nstatus) [ -f " + flag + " ] && exit 0; exit 3;;\n*) exit 1;;\nesac\n";
+}
+
+PackageSpec demo(const std::string& version) {
+    PackageSpec spec;
+    spec.version = version;
+    spec.info = {{"description", "Demo app"},
+                 {"displayname", "Demo"},
+                 {"maintainer", "Quor"},
+                 {"manager_url", "http://demo.example/"},
+                 {"admin_port", "8080"}};
+    spec.files = {{"bin/demo", "demo " + version}};
+    spec.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", service("demo")}};
+    return spec;
+}
+
+TEST(E2eInstall, QueryInstallUpgradeVersionLogAndUninstall) {
+    Device device;
+    const std::string one = device.package(demo("1.2-0003"));
+    EXPECT_EQ(device.quorpkg({"query", one}).out,
+              "Package name: demo\nPackage version: 1.2-0003\nPackage description: Demo app\n"
+              "Package displayname: Demo\nPackage maintainer: Quor\n"
+              "Package manager URL: http://demo.example/\nPackage script mask: 66\n"
+              "Package admin_port: 8080\n");
+
+    test::writeText(device.root().host("/etc/quorpkg/settings"), "default_volume=\"volume2\"\n");
+    RunResult installed = device.quorpkg({"install", "./" + one});
+    EXPECT_EQ(installed.out, "./" + one + " install successfully\n");
+    EXPECT_EQ(installed.status, 0);
+    EXPECT_EQ(readFile(device.root().host("/volume2/@appstore/demo/bin/demo")), "demo 1.2-0003");
+    // Started and turned on.
+    EXPECT_TRUE(fs::exists(device.root().host("/demo.running")));
+    EXPECT_TRUE(fs::exists(device.root().host("/var/packages/demo/enabled")));
+
+    RunResult version = device.quorpkg({"version", "demo"});
+    EXPECT_EQ(version.out, "1.2-0003\n");
+    EXPECT_EQ(version.status, 0);
+    RunResult log = device.quorpkg({"log", "demo", "extra"});
+    EXPECT_EQ(log.out, "The log file is " +
+                           device.root().host("/var/log/packages/demo.log").string() + "\n");
+    EXPECT_EQ(log.status, 0);
+
+    // The same package again is an upgrade, in place on its volume.
+    const std::string two = device.package(demo("1.10-0001"));
+    EXPECT_EQ(device.quorpkg({"install", two}).status, 0);
+    EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "1.10-0001\n");
+    EXPECT_EQ(readFile(device.root().host("/volume2/@appstore/demo/bin/demo")), "demo 1.10-0001");
+    EXPECT_TRUE(fs::exists(device.root().host("/demo.running")));
+
+    RunResult removed = device.quorpkg({"uninstall", "demo"});
+    EXPECT_EQ(removed.out, "");
+    EXPECT_EQ(removed.status, 0);
+    EXPECT_FALSE(fs::exists(device.root().host("/demo.running")));
+    EXPECT_FALSE(fs::exists(device.root().host("/volume2/@appstore/demo")));
+    RunResult gone = device.quorpkg({"version", "demo"});
+    EXPECT_EQ(gone.out, "");
+    EXPECT_EQ(gone.status, 1);
+    RunResult noLog = device.quorpkg({"log", "demo"});
+    EXPECT_EQ(noLog.out, "Failed to get log file 255\n");
+    EXPECT_EQ(noLog.status, 1);
+}
+
+TEST(E2eInstall, FailuresPrintTheCodeAndChangeNothing) {
+    Device device;
+    RunResult missing = device.quorpkg({"install", "missing.zpk"});
+    EXPECT_EQ(missing.out, "Failed to install package missing.zpk, error = [110]\n");
+    EXPECT_EQ(missing.status, 1);
+    RunResult query = device.quorpkg({"query", "missing.zpk", "more"});
+    EXPECT_EQ(query.out, "Failed to query package missing.zpk, 110\n");
+    EXPECT_EQ(query.status, 1);
+
+    PackageSpec needy;
+    needy.name = "needy";
+    needy.info = {{"install_dep_packages", "base>=2"}};
+    const std::string file = device.package(needy);
+    RunResult refused = device.quorpkg({"install", file});
+    EXPECT_EQ(refused.out, "Failed to install package " + file + ", error = [120]\n");
+    EXPECT_EQ(refused.status, 1);
+    // The option word is taken as the file.
+    EXPECT_EQ(device.quorpkg({"install", "--daemon-reload", file}).out,
+              "Failed to install package --daemon-reload, error = [110]\n");
+
+    PackageSpec base;
+    base.name = "base";
+    base.version = "2.0";
+    ASSERT_EQ(device.quorpkg({"install", device.package(base)}).status, 0);
+    ASSERT_EQ(device.quorpkg({"install", file}).status, 0);
+    // Still needed: nothing is removed.
+    RunResult blocked = device.quorpkg({"uninstall", "base"});
+    EXPECT_EQ(blocked.out, "");
+    EXPECT_EQ(blocked.status, 1);
+    EXPECT_EQ(device.quorpkg({"uninstall", "needy", "ghost"}).status, 1);
+    EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "base\nneedy\n");
+    EXPECT_EQ(device.quorpkg({"uninstall", "base", "needy", "base"}).status, 0);
+    EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "\n");
+}
+
+TEST(E2eInstall, AChangeKilledHalfwayIsFinishedByTheNextRun) {
+    Device device;
+    const std::string file = device.package(demo("1.0"));
+    // Killed with the payload in place but not yet the package directory.
+    ::setenv("QUOR_FAILPOINT", "install-payload", 1);
+    RunResult killed = device.quorpkg({"install", file});
+    ::unsetenv("QUOR_FAILPOINT");
+    EXPECT_EQ(killed.status, -1);
+    EXPECT_EQ(killed.out, "");
+    EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "1.0\n");
+    EXPECT_EQ(readFile(device.root().host("/volume1/@appstore/demo/bin/demo")), "demo 1.0");
+
+    ::setenv("QUOR_FAILPOINT", "remove-package", 1);
+    EXPECT_EQ(device.quorpkg({"uninstall", "demo"}).status, -1);
+    ::unsetenv("QUOR_FAILPOINT");
+    EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "\n");
+    EXPECT_FALSE(fs::exists(device.root().host("/volume1/@appstore/demo")));
+    EXPECT_TRUE(fs::is_empty(device.root().host("/var/packages/.journal")));
+}
+
+TEST(E2eInstall, AScriptMayChangeAnotherPackageUnderItsParentsLock) {
+    Device device;
+    PackageSpec inner;
+    inner.name = "inner";
+    const fs::path innerFile = device.packageDir() / device.package(inner);
+    // The nested run neither waits for the lock its parent holds nor takes
+    // the parent's half-made change for an unfinished one.
+    PackageSpec outer;
+    outer.name = "outer";
+    outer.scripts = {{"preinst", "#!/bin/sh\n'" + std::string(QUORPKG_BINARY) + "' install '" +
+                                     innerFile.string() + "'\n"}};
+    RunResult installed = device.quorpkg({"install", device.package(outer)});
+    EXPECT_EQ(installed.status, 0);
+    EXPECT_EQ(device.quorpkg({"list"}).out, "inner-1.0-0001: \nouter-1.0-0001: \n");
+    EXPECT_TRUE(fs::is_empty(device.root().host("/var/packages/.journal")));
+}
+
+}  // namespace
+}  // namespace quor::e2e

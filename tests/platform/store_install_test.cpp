@@ -1,0 +1,232 @@
+// Installing, reinstalling and upgrading packages in a temporary system root.
+#include <gtest/gtest.h>
+
+#include "base/file_util.h"
+#include "base/layout.h"
+#include "base/result.h"
+#include "pkg_manager.h"
+#include "quorpkg/service/services.h"
+#include "quorpkg/store/installer.h"
+#include "quorpkg/store/store.h"
+#include "test_support.h"
+
+namespace quor::test {
+namespace {
+
+// Appends "<script> <old version> <version>" to $QUOR_ROOT/trace.
+std::string tracer(const std::string& script) {
+    return "#!/bin/sh\necho \"" + script +
+           " ${QUOR_PKG_OLD_VERSION:--} $QUOR_PKG_VERSION\" >> \"$QUOR_ROOT/trace\"\n";
+}
+
+// A service that records its state in $QUOR_ROOT/<name>.running and traces
+// start and stop; `startStatus` is what a start exits with.
+std::string service(const std::string& name, int startStatus = 0) {
+    const std::string flag = "\"$QUOR_ROOT/" + name + ".running\"";
+    return "#!/bin/sh\ncase \"$1\" in\n"
+           "start) echo \"start $QUOR_PKG_VERSION\" >> \"$QUOR_ROOT/trace\"; [ " +
+           std::to_string(startStatus) + " = 0 ] && touch " + flag + "; exit " +
+           std::to_string(startStatus) +
+           ";;\n"
+           "stop) echo \"stop $QUOR_PKG_VERSION\" >> \"$QUOR_ROOT/trace\"; rm -f " +
+           flag +
+           ";;\n"
+           "status) [ -f " +
+           flag + " ] && exit 0; exit 3;;\n*) exit 1;;\nesac\n";
+}
+
+class StoreInstall : public ::testing::Test {
+protected:
+    void SetUp() override {
+        volume1 = root.addVolume(1);
+        volume2 = root.addVolume(2);
+        QUORPackageTool::PackageManager manager;
+        ASSERT_TRUE(manager.init());
+    }
+
+    fs::path build(const PackageSpec& spec) { return buildTestPackage(files.path(), spec); }
+
+    int install(const PackageSpec& spec) {
+        InstallRequest request;
+        request.file = build(spec);
+        return installPackage(request);
+    }
+
+    std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
+    void clearTrace() const { fs::remove(root.host("/trace")); }
+
+    std::string installedVersion(const std::string& name) const {
+        Manifest manifest;
+        return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";
+    }
+
+    static std::vector<std::string> entries(const fs::path& dir) {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(dir))
+            names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    TempRoot root;
+    TempDir files;
+    fs::path volume1, volume2;
+};
+
+TEST_F(StoreInstall, NewPackageLandsWholeWithScriptsConfVarAndWebEntry) {
+    PackageSpec spec;
+    spec.info = {{"ui_dir", "ui"}, {"description", "a demo"}};
+    spec.files = {{"bin/demo", "#!/bin/sh\necho demo\n"}, {"ui/index.html", "<p>demo</p>"}};
+    spec.conf = {{"demo.conf", "level=1\n"}};
+    spec.scripts = {{"preinst", tracer("preinst")}, {"postinst", tracer("postinst")}};
+    ASSERT_EQ(install(spec), kOk);
+
+    EXPECT_EQ(installedVersion("demo"), "1.0-0001");
+    EXPECT_EQ(readFile(layout::confDir("demo") / "demo.conf"), "level=1\n");
+    EXPECT_TRUE(fs::is_directory(layout::varDir("demo")));
+    EXPECT_EQ(installedScriptMask("demo"), 1 | 2);
+    // The target link is relative, so the root could move.
+    EXPECT_EQ(fs::read_symlink(layout::targetLink("demo")), "../../../volume1/@appstore/demo");
+    EXPECT_EQ(installedTarget("demo"), volume1 / "@appstore/demo");
+    EXPECT_EQ(installedVolume("demo"), volume1);
+    EXPECT_EQ(readFile(installedTarget("demo") / "bin/demo"), "#!/bin/sh\necho demo\n");
+    EXPECT_EQ(fs::canonical(layout::webEntry("demo")),
+              fs::canonical(volume1 / "@appstore/demo/ui"));
+    EXPECT_EQ(trace(), "preinst - 1.0-0001\npostinst - 1.0-0001\n");
+    // No service: not turned on. Nothing left over from staging.
+    EXPECT_FALSE(isEnabled("demo"));
+    EXPECT_EQ(entries(layout::packagesDir()), (std::vector<std::string>{".journal", "demo"}));
+    EXPECT_EQ(entries(volume1 / "@appstore"), std::vector<std::string>{"demo"});
+    EXPECT_TRUE(fs::is_empty(layout::journalDir()));
+    EXPECT_TRUE(fs::exists(layout::logFile("demo")));
+}
+
+TEST_F(StoreInstall, ServiceIsTurnedOnAndStartedAndAFailedStartLeavesItOff) {
+    PackageSpec good;
+    good.name = "good";
+    good.scripts = {{"start-stop-status", service("good")}};
+    ASSERT_EQ(install(good), kOk);
+    EXPECT_TRUE(isEnabled("good"));
+    EXPECT_TRUE(isMarkedActive("good"));
+    EXPECT_TRUE(fs::exists(root.host("/good.running")));
+
+    PackageSpec bad;
+    bad.name = "bad";
+    bad.scripts = {{"start-stop-status", service("bad", 1)}};
+    EXPECT_EQ(install(bad), kOk);
+    EXPECT_EQ(installedVersion("bad"), "1.0-0001");
+    EXPECT_FALSE(isEnabled("bad"));
+    EXPECT_FALSE(isMarkedActive("bad"));
+}
+
+TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
+    writeText(layout::settingsFile(), "default_volume=\"volume2\"\n");
+    PackageSpec v1;
+    v1.files = {{"bin/demo", "one"}, {"only-in-one", "x"}};
+    v1.scripts = {{"start-stop-status", service("demo")}};
+    ASSERT_EQ(install(v1), kOk);
+    ASSERT_TRUE(isMarkedActive("demo"));
+    writeText(layout::varDir("demo") / "data.txt", "user data");
+    clearTrace();
+
+    // A later default does not move an installed package.
+    writeText(layout::settingsFile(), "default_volume=\"volume1\"\n");
+    PackageSpec v2 = v1;
+    v2.version = "2.0-0001";
+    v2.files = {{"bin/demo", "two"}};
+    v2.scripts["preupgrade"] = tracer("preupgrade");
+    v2.scripts["postupgrade"] = tracer("postupgrade");
+    ASSERT_EQ(install(v2), kOk);
+
+    EXPECT_EQ(installedVersion("demo"), "2.0-0001");
+    EXPECT_EQ(installedVolume("demo"), volume2);
+    EXPECT_EQ(readFile(installedTarget("demo") / "bin/demo"), "two");
+    EXPECT_FALSE(fs::exists(installedTarget("demo") / "only-in-one"));
+    EXPECT_EQ(readFile(layout::varDir("demo") / "data.txt"), "user data");
+    EXPECT_TRUE(isEnabled("demo"));
+    EXPECT_TRUE(isMarkedActive("demo"));
+    EXPECT_EQ(trace(),
+              "stop 1.0-0001\npreupgrade 1.0-0001 2.0-0001\npostupgrade 1.0-0001 2.0-0001\n"
+              "start 2.0-0001\n");
+    EXPECT_FALSE(fs::exists(volume1 / "@appstore"));
+    EXPECT_EQ(entries(volume2 / "@appstore"), std::vector<std::string>{"demo"});
+
+    // Reinstalling the same version is an upgrade too; a package turned off
+    // stays off.
+    ServiceRequest off;
+    off.type = QUORPackageTool::PKG_INSTALLATION_TYPE_DISABLE;
+    ASSERT_EQ(stopPackage("demo", off), kOk);
+    clearTrace();
+    ASSERT_EQ(install(v2), kOk);
+    EXPECT_EQ(trace(), "preupgrade 2.0-0001 2.0-0001\npostupgrade 2.0-0001 2.0-0001\n");
+    EXPECT_FALSE(isEnabled("demo"));
+    EXPECT_EQ(readFile(layout::varDir("demo") / "data.txt"), "user data");
+}
+
+TEST_F(StoreInstall, VolumeIsTheRequestedOneTheDefaultOrTheFirstOfTheRoomiest) {
+    PackageSpec spec;
+    spec.name = "first";
+    ASSERT_EQ(install(spec), kOk);
+    // Both volumes share one file system here: the first stands for both.
+    EXPECT_EQ(installedVolume("first"), volume1);
+
+    InstallRequest request;
+    spec.name = "second";
+    request.file = build(spec);
+    request.volume = volume2;
+    ASSERT_EQ(installPackage(request), kOk);
+    EXPECT_EQ(installedVolume("second"), volume2);
+
+    request.volume = root.path() / "volume7";
+    spec.name = "third";
+    request.file = build(spec);
+    EXPECT_EQ(installPackage(request), kNoVolume);
+
+    writeText(layout::settingsFile(), "default_volume=\"/volume9\"\n");
+    EXPECT_EQ(install(spec), kNoVolume);
+    writeText(layout::settingsFile(), "default_volume=\"/volume2\"\n");
+    ASSERT_EQ(install(spec), kOk);
+    EXPECT_EQ(installedVolume("third"), volume2);
+
+    TempRoot bare;
+    spec.name = "fourth";
+    EXPECT_EQ(install(spec), kNoVolume);
+    EXPECT_FALSE(isInstalled("fourth"));
+}
+
+TEST_F(StoreInstall, RefusesWhatTheDeviceOrTheInstalledPackagesCannotTake) {
+    PackageSpec base;
+    base.name = "base";
+    base.info = {{"install_conflict_packages", "rival>=2"}};
+    ASSERT_EQ(install(base), kOk);
+
+    auto attempt = [&](const std::string& name,
+                       std::vector<std::pair<std::string, std::string>> info,
+                       const std::string& version = "1.0") {
+        PackageSpec spec;
+        spec.name = name;
+        spec.version = version;
+        spec.info = std::move(info);
+        return install(spec);
+    };
+    EXPECT_EQ(attempt("other", {{"arch", "no-such-machine"}}), kWrongArch);
+    EXPECT_EQ(attempt("other", {{"firmware", "99.0"}}), kFirmwareTooOld);
+    EXPECT_EQ(attempt("other", {{"install_dep_packages", "missing"}}), kMissingDependency);
+    EXPECT_EQ(attempt("other", {{"install_dep_packages", "base>=1.5"}}), kMissingDependency);
+    EXPECT_EQ(attempt("other", {{"install_conflict_packages", "base"}}), kConflict);
+    // The installed package refuses rival 2 and later, not rival 1.
+    EXPECT_EQ(attempt("rival", {}, "2.0"), kConflict);
+    EXPECT_FALSE(isInstalled("other"));
+    EXPECT_FALSE(isInstalled("rival"));
+    EXPECT_EQ(attempt("rival", {}, "1.0"), kOk);
+
+    EXPECT_EQ(attempt("user", {{"install_dep_packages", "base>=1.0-0001:rival<2"}}), kOk);
+    // A downgrade the installed dependent cannot live with.
+    PackageSpec old = base;
+    old.version = "0.9";
+    EXPECT_EQ(install(old), kHasDependents);
+    EXPECT_EQ(installedVersion("base"), "1.0-0001");
+}
+
+}  // namespace
+}  // namespace quor::test

@@ -1,0 +1,130 @@
+// Removing packages: all or none, dependents first, scripts around it.
+#include <gtest/gtest.h>
+
+#include "base/file_util.h"
+#include "base/layout.h"
+#include "base/result.h"
+#include "pkg_manager.h"
+#include "quorpkg/service/services.h"
+#include "quorpkg/store/installer.h"
+#include "quorpkg/store/store.h"
+#include "test_support.h"
+
+namespace quor::test {
+namespace {
+
+// Appends "<script> <package>" to $QUOR_ROOT/trace; exits with `status`.
+std::string tracer(const std::string& script, int status = 0) {
+    return "#!/bin/sh\necho \"" + script + " $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"\nexit " +
+           std::to_string(status) + "\n";
+}
+
+class StoreRemove : public ::testing::Test {
+protected:
+    void SetUp() override {
+        volume = root.addVolume(1);
+        QUORPackageTool::PackageManager manager;
+        ASSERT_TRUE(manager.init());
+    }
+
+    // A package with tracing removal scripts that needs `needs`.
+    void add(const std::string& name, const std::string& needs = "",
+             std::map<std::string, std::string> scripts = {}) {
+        PackageSpec spec;
+        spec.name = name;
+        if (!needs.empty()) spec.info = {{"install_dep_packages", needs}};
+        spec.info.emplace_back("ui_dir", "ui");
+        spec.files = {{"ui/index.html", name}};
+        spec.scripts = {{"preuninst", tracer("preuninst")}, {"postuninst", tracer("postuninst")}};
+        for (auto& [script, body] : scripts) spec.scripts[script] = body;
+        InstallRequest request;
+        request.file = buildTestPackage(files.path(), spec);
+        ASSERT_EQ(installPackage(request), kOk) << name;
+    }
+
+    std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
+
+    TempRoot root;
+    TempDir files;
+    fs::path volume;
+};
+
+TEST_F(StoreRemove, GoesDependentsFirstAndLeavesNothingButTheLog) {
+    add("base");
+    add("mid", "base");
+    add("top", "mid>=1.0");
+    add("other");
+    ASSERT_TRUE(fs::is_symlink(layout::webEntry("top")));
+
+    // Given requirements first and one twice: removed dependents first, once.
+    ASSERT_EQ(removePackages({"base", "mid", "top", "base"}), kOk);
+    EXPECT_EQ(trace(),
+              "preuninst top\npostuninst top\npreuninst mid\npostuninst mid\n"
+              "preuninst base\npostuninst base\n");
+    EXPECT_EQ(installedPackages(), std::vector<std::string>{"other"});
+    for (const char* name : {"base", "mid", "top"}) {
+        EXPECT_FALSE(fs::exists(layout::packageDir(name))) << name;
+        EXPECT_FALSE(fs::exists(layout::appstoreDir(volume, name))) << name;
+        EXPECT_FALSE(fs::exists(fs::symlink_status(layout::webEntry(name)))) << name;
+        EXPECT_TRUE(fs::exists(layout::logFile(name))) << name;
+    }
+    EXPECT_TRUE(fs::is_symlink(layout::webEntry("other")));
+    EXPECT_EQ(std::distance(fs::directory_iterator(volume / "@appstore"), {}), 1);
+    EXPECT_TRUE(fs::is_empty(layout::journalDir()));
+}
+
+TEST_F(StoreRemove, RefusesTheWholeRequestWhenOneNameIsWrongOrStillNeeded) {
+    add("base");
+    add("mid", "base");
+    EXPECT_EQ(removePackages({"base"}), kHasDependents);
+    EXPECT_EQ(removePackages({"mid", "ghost"}), kNoSuchPackage);
+    EXPECT_EQ(removePackages({"mid", ""}), kBadArgument);
+    EXPECT_EQ(removePackages({"../mid"}), kBadArgument);
+    EXPECT_EQ(removePackages({}), kBadArgument);
+    EXPECT_EQ(trace(), "");
+    EXPECT_EQ(installedPackages(), (std::vector<std::string>{"base", "mid"}));
+
+    // The manager reports the code through getResult().
+    QUORPackageTool::PackageManager manager;
+    EXPECT_FALSE(manager.uninstallPKGs({"base"}, true));
+    EXPECT_EQ(manager.getResult(), kHasDependents);
+    EXPECT_TRUE(manager.uninstallPKGs({"mid"}, true));
+    EXPECT_TRUE(manager.uninstallPKGs({"base"}, false));
+    EXPECT_EQ(trace(), "preuninst mid\npostuninst mid\n");
+}
+
+TEST_F(StoreRemove, StopsTheServiceFirstAndARefusingPreuninstKeepsThePackageRunning) {
+    const std::string service =
+        "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/svc.running\";;\n"
+        "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
+        "\"$QUOR_ROOT/svc.running\";;\n"
+        "status) [ -f \"$QUOR_ROOT/svc.running\" ] && exit 0; exit 3;;\nesac\n";
+    add("svc", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
+    ASSERT_TRUE(isMarkedActive("svc"));
+
+    EXPECT_EQ(removePackages({"svc"}), kScriptFailed);
+    EXPECT_EQ(trace(), "stop svc\npreuninst svc\n");
+    EXPECT_TRUE(isInstalled("svc"));
+    EXPECT_TRUE(isMarkedActive("svc"));
+    EXPECT_TRUE(fs::exists(root.host("/svc.running")));
+    EXPECT_TRUE(fs::is_empty(layout::journalDir()));
+
+    fs::remove(root.host("/trace"));
+    writeText(layout::scriptsDir("svc") / "preuninst", tracer("preuninst"), 0755);
+    ASSERT_EQ(removePackages({"svc"}), kOk);
+    EXPECT_EQ(trace(), "stop svc\npreuninst svc\npostuninst svc\n");
+    EXPECT_FALSE(isMarkedActive("svc"));
+    EXPECT_FALSE(fs::exists(root.host("/svc.running")));
+}
+
+TEST_F(StoreRemove, ABrokenPackageCanStillBeRemoved) {
+    add("broken");
+    fs::remove(layout::manifestFile("broken"));
+    fs::remove(layout::scriptsDir("broken") / "preuninst");
+    ASSERT_EQ(removePackages({"broken"}), kOk);
+    EXPECT_FALSE(isInstalled("broken"));
+    EXPECT_FALSE(fs::exists(layout::appstoreDir(volume, "broken")));
+}
+
+}  // namespace
+}  // namespace quor::test

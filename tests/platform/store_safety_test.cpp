@@ -1,0 +1,271 @@
+// The store survives bad input, failing scripts, processes killed at any
+// step of a change, and changes that run at the same time.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <map>
+
+#include "base/file_util.h"
+#include "base/layout.h"
+#include "base/result.h"
+#include "pkg_manager.h"
+#include "quorpkg/store/installer.h"
+#include "quorpkg/store/lock.h"
+#include "quorpkg/store/store.h"
+#include "test_support.h"
+
+namespace quor::test {
+namespace {
+
+using Snapshot = std::map<std::string, std::string>;
+
+// Every file and link under the root with its content or target, relative
+// to the root so that two roots compare. Logs and the lock file are not
+// part of the store; empty folders do not count.
+Snapshot snapshot(const fs::path& root) {
+    Snapshot out;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string relative = entry.path().lexically_relative(root).string();
+        if (relative == "run/quorpkg/lock" || relative.rfind("var/log/", 0) == 0) continue;
+        if (entry.is_symlink()) {
+            out[relative] = "-> " + fs::read_symlink(entry.path()).string();
+        } else if (entry.is_regular_file()) {
+            out[relative] = readFile(entry.path()).value_or("?");
+        }
+    }
+    return out;
+}
+
+// Runs `change` in a child process with QUOR_FAILPOINT set to `step`; true
+// when the child died there.
+bool killedAt(const std::string& step, const std::function<int()>& change) {
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::setenv("QUOR_FAILPOINT", step.c_str(), 1);
+        ::_exit(change() == kOk ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+int install(const fs::path& file) {
+    InstallRequest request;
+    request.file = file;
+    return installPackage(request);
+}
+
+class StoreSafety : public ::testing::Test {
+protected:
+    // A fresh root holding one volume and whatever `setup` installs.
+    struct Device {
+        explicit Device(const std::function<void()>& setup) {
+            root.addVolume(1);
+            QUORPackageTool::PackageManager manager;
+            EXPECT_TRUE(manager.init());
+            if (setup) setup();
+        }
+        TempRoot root;
+    };
+
+    fs::path build(const PackageSpec& spec) { return buildTestPackage(files.path(), spec); }
+
+    // Kills `change` at each step and checks that the next change (here the
+    // manager's init) finds the store as before the change, for the steps
+    // in `before`, or as after it, for the rest.
+    void crashAtEveryStep(const std::function<void()>& setup, const std::function<int()>& change,
+                          const std::vector<std::string>& before,
+                          const std::vector<std::string>& after) {
+        Snapshot old, done;
+        {
+            Device device(setup);
+            old = snapshot(device.root.path());
+            ASSERT_EQ(change(), kOk);
+            done = snapshot(device.root.path());
+        }
+        ASSERT_NE(old, done);
+        for (const auto* steps : {&before, &after}) {
+            for (const std::string& step : *steps) {
+                Device device(setup);
+                ASSERT_TRUE(killedAt(step, change)) << step;
+                QUORPackageTool::PackageManager manager;
+                ASSERT_TRUE(manager.init());
+                EXPECT_EQ(snapshot(device.root.path()), steps == &before ? old : done) << step;
+            }
+        }
+    }
+
+    TempDir files;
+};
+
+const std::vector<std::string> kEarlySteps = {"install-stage", "install-staged"};
+const std::vector<std::string> kCommitSteps = {
+    "install-commit", "install-payload", "install-package", "install-committed", "install-finish"};
+
+PackageSpec demo(const std::string& version, const std::string& content) {
+    PackageSpec spec;
+    spec.version = version;
+    spec.files = {{"bin/demo", content}, {"share/" + version, version}};
+    spec.conf = {{"demo.conf", version}};
+    spec.scripts = {{"postinst", "#!/bin/sh\n"}, {"postupgrade", "#!/bin/sh\n"}};
+    return spec;
+}
+
+TEST_F(StoreSafety, KilledInstallOrUpgradeLeavesTheOldOrTheNewPackageWhole) {
+    const fs::path one = build(demo("1.0", "one"));
+    const fs::path two = build(demo("2.0", "two"));
+    crashAtEveryStep(
+        nullptr, [&] { return install(one); }, kEarlySteps, kCommitSteps);
+
+    auto installOne = [&] {
+        ASSERT_EQ(install(one), kOk);
+        writeText(layout::varDir("demo") / "data", "kept");
+    };
+    crashAtEveryStep(
+        installOne, [&] { return install(two); }, kEarlySteps, kCommitSteps);
+}
+
+TEST_F(StoreSafety, KilledRemovalLeavesThePackageOrNothing) {
+    const fs::path one = build(demo("1.0", "one"));
+    crashAtEveryStep([&] { ASSERT_EQ(install(one), kOk); }, [] { return removePackages({"demo"}); },
+                     {"remove-prepare"}, {"remove-commit", "remove-package", "remove-finish"});
+}
+
+TEST_F(StoreSafety, KilledRollbackOfAFailedScriptStillEndsWithTheOldPackage) {
+    PackageSpec failing = demo("2.0", "two");
+    failing.scripts["postinst"] = failing.scripts["postupgrade"] = "#!/bin/sh\nexit 1\n";
+    const fs::path one = build(demo("1.0", "one"));
+    const fs::path two = build(failing);
+    for (bool upgrade : {false, true}) {
+        Device device([&] {
+            if (upgrade) {
+                ASSERT_EQ(install(one), kOk);
+            }
+        });
+        const Snapshot old = snapshot(device.root.path());
+        EXPECT_EQ(install(two), kScriptFailed);
+        EXPECT_EQ(snapshot(device.root.path()), old);
+        ASSERT_TRUE(killedAt("install-rollback", [&] { return install(two); }));
+        QUORPackageTool::PackageManager manager;
+        ASSERT_TRUE(manager.init());
+        EXPECT_EQ(snapshot(device.root.path()), old) << upgrade;
+    }
+}
+
+TEST_F(StoreSafety, BadFilesAndFailingScriptsLeaveTheStoreAsItWas) {
+    Device device([&] {
+        ASSERT_EQ(install(build(demo("1.0", "one"))), kOk);
+        writeText(layout::varDir("demo") / "data", "kept");
+    });
+    const Snapshot old = snapshot(device.root.path());
+
+    auto rawPackage = [&](const std::string& file, std::vector<TarEntry> payload,
+                          std::string info = "") {
+        const std::string bytes = tarBytes(payload, TarFilter::kGzip);
+        if (info.empty()) info = infoText("demo", "3.0", bytes);
+        writeTar(files.path() / file, {fileEntry("INFO", info), fileEntry("package.tgz", bytes)});
+        return files.path() / file;
+    };
+    const std::vector<TarEntry> fine = {fileEntry("bin/demo", "three")};
+    EXPECT_EQ(install(files.path() / "missing.zpk"), kFileUnreadable);
+    EXPECT_EQ(install(files.path()), kFileUnreadable);
+    writeText(files.path() / "garbage.zpk", std::string(3000, 'x'));
+    EXPECT_EQ(install(files.path() / "garbage.zpk"), kFileUnreadable);
+    EXPECT_EQ(install(rawPackage("badinfo.zpk", fine, "package=\"../demo\"\nversion=\"3\"\n")),
+              kBadManifest);
+    EXPECT_EQ(install(rawPackage("sum.zpk", fine, infoText("demo", "3.0", "other bytes"))),
+              kChecksumMismatch);
+    EXPECT_EQ(install(rawPackage("dots.zpk", {fileEntry("../../escape", "x")})), kUnsafeEntry);
+    EXPECT_EQ(install(rawPackage("abs.zpk", {fileEntry("/etc/escape", "x")})), kUnsafeEntry);
+    EXPECT_EQ(install(rawPackage("link.zpk", {symlinkEntry("bin/out", "../../../../etc")})),
+              kUnsafeEntry);
+    // A good package cut short.
+    const std::string whole = readFile(rawPackage("whole.zpk", fine)).value();
+    writeText(files.path() / "cut.zpk", whole.substr(0, whole.size() / 2));
+    EXPECT_NE(install(files.path() / "cut.zpk"), kOk);
+
+    for (const char* script : {"preupgrade", "postupgrade"}) {
+        PackageSpec spec = demo("3.0", "three");
+        spec.scripts[script] = "#!/bin/sh\nexit 3\n";
+        EXPECT_EQ(install(build(spec)), kScriptFailed) << script;
+    }
+    for (const char* script : {"preinst", "postinst"}) {
+        PackageSpec spec = demo("1.0", "new");
+        spec.name = "fresh";
+        spec.scripts[script] = "#!/bin/sh\nexit 3\n";
+        EXPECT_EQ(install(build(spec)), kScriptFailed) << script;
+    }
+    EXPECT_EQ(snapshot(device.root.path()), old);
+}
+
+TEST_F(StoreSafety, TwoInstallsStartedAtOnceRunOneAfterTheOther) {
+    Device device(nullptr);
+    std::vector<fs::path> packages;
+    for (const char* name : {"alpha", "beta"}) {
+        PackageSpec spec;
+        spec.name = name;
+        spec.scripts = {{"preinst", std::string("#!/bin/sh\necho begin >> \"$QUOR_ROOT/trace\"\n") +
+                                        "sleep 0.2\necho end >> \"$QUOR_ROOT/trace\"\n"}};
+        packages.push_back(build(spec));
+    }
+    std::vector<pid_t> children;
+    for (const fs::path& file : packages) {
+        pid_t pid = ::fork();
+        if (pid == 0) ::_exit(install(file) == kOk ? 0 : 1);
+        children.push_back(pid);
+    }
+    for (pid_t pid : children) {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    EXPECT_EQ(readFile(device.root.host("/trace")), "begin\nend\nbegin\nend\n");
+    EXPECT_EQ(installedPackages(), (std::vector<std::string>{"alpha", "beta"}));
+}
+
+TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
+    Device device(nullptr);
+    writeText(layout::settingsFile(), "lock_timeout=\"0\"\n");
+    int held[2], release[2];
+    ASSERT_EQ(::pipe(held), 0);
+    ASSERT_EQ(::pipe(release), 0);
+    pid_t holder = ::fork();
+    if (holder == 0) {
+        int code = kOk;
+        auto lock = StoreLock::acquire(code);
+        char byte = lock ? 1 : 0;
+        ::close(held[0]);
+        if (::write(held[1], &byte, 1) != 1) ::_exit(2);
+        ::close(release[1]);
+        // Holds the lock until the test closes its end of the pipe.
+        ::_exit(::read(release[0], &byte, 1) == 0 ? 0 : 3);
+    }
+    ::close(held[1]);
+    ::close(release[0]);
+    char byte = 0;
+    ASSERT_EQ(::read(held[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 1);
+
+    EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder) + "\n");
+    EXPECT_EQ(install(build(PackageSpec{})), kLocked);
+    EXPECT_EQ(removePackages({"demo"}), kLocked);
+    EXPECT_FALSE(StoreLock::tryAcquireFresh());
+    ::setenv("QUOR_PKG_LOCK_HELD", "1", 1);
+    int code = kOk;
+    EXPECT_TRUE(StoreLock::acquire(code));
+    EXPECT_FALSE(StoreLock::tryAcquireFresh());
+    ::unsetenv("QUOR_PKG_LOCK_HELD");
+
+    ::close(release[1]);
+    int status = 0;
+    ::waitpid(holder, &status, 0);
+    ::close(held[0]);
+    EXPECT_EQ(install(build(PackageSpec{})), kOk);
+    EXPECT_EQ(readFile(layout::lockFile()), "");
+}
+
+}  // namespace
+}  // namespace quor::test
