@@ -78,7 +78,7 @@ std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info)
         dep.name = item.basic_text_a;
         dep.op = std::string(text.substr(0, opEnd));
         if (opEnd != std::string_view::npos) dep.version = std::string(text.substr(opEnd));
-        if (dep.op.empty() && !text.empty()) dep.op = "?";
+        if (dep.op.empty() && !text.empty()) dep.op.push_back('?');
         deps.push_back(std::move(dep));
     }
     return deps;
