@@ -21,20 +21,25 @@ struct ScriptRun {
     std::filesystem::path workDir;  // defaults to /var/packages/<name>
     bool captureStdout = false;     // keep stdout in ScriptOutcome instead of the log
     int timeoutSeconds = 0;         // 0: the script_timeout setting
+    bool lockHeld = true;           // QUOR_PKG_LOCK_HELD=1: the caller holds the store lock
 };
 
 struct ScriptOutcome {
-    int exitCode = 0;    // the script's status; 128+N when killed by signal N
+    int exitCode = 0;  // the script's status; 128+N when killed by signal N
     bool timedOut = false;
     bool launched = true;  // false when the script could not be started
-    std::string output;  // stdout when captureStdout
+    std::string output;    // stdout when captureStdout
 };
 
-// Runs the script and waits for it; never leaves a zombie or a stray child.
+// Runs the script and waits for it; it is always reaped. Past the time limit
+// its whole process group is killed (timedOut), so nothing it started is
+// left behind; a script that ends in time may leave a service it started.
 ScriptOutcome runScript(const ScriptRun& run);
 
 // Runs /var/packages/<name>/scripts/<script> when it exists (kOk when it
-// does not). kOk, kScriptFailed or kScriptTimeout.
+// does not), with `base` for everything but script, args and name; an empty
+// version is read from the installed manifest, an empty target is the
+// package's target link. kOk, kScriptFailed or kScriptTimeout.
 int runPackageScript(const std::string& name, const std::string& script,
                      const std::vector<std::string>& args, const ScriptRun& base = {});
 

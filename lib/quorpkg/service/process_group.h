@@ -1,0 +1,57 @@
+// A child process that leads a process group of its own, so that the child
+// and everything it starts can be killed together. The object owns the
+// child: destroying it before the child was reaped kills the whole group and
+// reaps the child, so no zombie and no stray process outlives it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/file_util.h"
+
+namespace quor {
+
+struct SpawnRequest {
+    std::string program;            // host path, run as it is (no PATH search)
+    std::vector<std::string> argv;  // argv[0] included
+    std::vector<std::string> env;   // "KEY=value", the whole environment
+    std::string workDir;
+    int stdoutFd = -1;  // dup'ed onto 1; -1: /dev/null
+    int stderrFd = -1;  // dup'ed onto 2; -1: /dev/null
+};
+
+class ProcessGroup {
+public:
+    // Starts the program with stdin on /dev/null, signals at their defaults,
+    // no descriptors beyond 0-2, in a new process group. On failure returns
+    // nothing and sets `error` to the errno.
+    static std::optional<ProcessGroup> spawn(const SpawnRequest& request, int& error);
+
+    ProcessGroup(ProcessGroup&& other) noexcept;
+    ProcessGroup& operator=(ProcessGroup&&) = delete;
+    ProcessGroup(const ProcessGroup&) = delete;
+    ProcessGroup& operator=(const ProcessGroup&) = delete;
+    ~ProcessGroup();
+
+    // Waits for the group leader to end, at most `limit` (zero: no limit),
+    // appending what arrives on `captureFd` (when >= 0) to `captured`. The
+    // wait status as an exit code (128+N for signal N), or nothing when the
+    // limit passed first; the group is then still running.
+    std::optional<int> wait(std::chrono::milliseconds limit, int captureFd, std::string* captured);
+
+    // Kills every process of the group, reaps the leader and returns once no
+    // member of the group is alive any more.
+    void killGroup();
+
+    pid_t pid() const { return pid_; }
+
+private:
+    explicit ProcessGroup(pid_t pid) : pid_(pid) {}
+    pid_t pid_ = -1;  // -1 once reaped
+};
+
+}  // namespace quor

@@ -1,0 +1,246 @@
+#include "quorpkg/service/services.h"
+
+#include <algorithm>
+#include <set>
+#include <system_error>
+
+#include "base/file_util.h"
+#include "base/layout.h"
+#include "base/package_log.h"
+#include "base/result.h"
+#include "quorpkg/package/version.h"
+#include "quorpkg/service/firmware_limits.h"
+#include "quorpkg/service/script_runner.h"
+#include "quorpkg/service/service_steps.h"
+#include "quorpkg/store/dependencies.h"
+#include "quorpkg/store/lock.h"
+#include "quorpkg/store/store.h"
+
+namespace fs = std::filesystem;
+using QUORPackageTool::PKG_INSTALLATION_TYPE_DISABLE;
+using QUORPackageTool::PKG_INSTALLATION_TYPE_ENABLE;
+
+namespace quor {
+namespace {
+
+bool hasServiceScript(const std::string& name) {
+    std::error_code ec;
+    return fs::exists(layout::scriptsDir(name) / kServiceScript, ec);
+}
+
+// The manifest of an installed, whole package: kOk, kBadArgument,
+// kNoSuchPackage or kBroken (no manifest, or no payload behind the target).
+int loadInstalled(const std::string& name, Manifest& manifest) {
+    if (!isValidPackageName(name)) return kBadArgument;
+    int code = readInstalledManifest(name, manifest);
+    if (code != kOk) return code;
+    return installedTarget(name).empty() ? kBroken : kOk;
+}
+
+ScriptRun scriptRun(const std::string& version, const ServiceRequest& request) {
+    ScriptRun run;
+    run.packageVersion = version;
+    run.event = request.event ? request.event : "";
+    run.param = request.param ? request.param : "";
+    return run;
+}
+
+void setMark(const fs::path& file, bool on) {
+    std::error_code ec;
+    if (on) {
+        fs::create_directories(file.parent_path(), ec);
+        writeFileAtomic(file, "");
+    } else {
+        fs::remove(file, ec);
+    }
+}
+
+void record(const ServiceRequest& request, const std::string& name) {
+    if (request.affected) request.affected->push_back(name);
+}
+
+class Starter {
+public:
+    explicit Starter(const ServiceRequest& request) : request_(request) {}
+
+    int start(const std::string& name) {
+        Manifest manifest;
+        int code = loadInstalled(name, manifest);
+        if (code != kOk) return code;
+        if (!request_.ignoreFirmwareLimit && firmwareLimitStatus(name, manifest.version) != 0) {
+            logPackageEvent(name, "not started: version " + manifest.version +
+                                      " is blocked by the firmware limit");
+            return kFirmwareBlocked;
+        }
+        inProgress_.insert(name);
+        for (const Dependency& dependency : manifest.depends) {
+            code = startRequirement(name, dependency);
+            if (code != kOk) return code;
+        }
+        return startSelf(name, manifest);
+    }
+
+private:
+    int startRequirement(const std::string& name, const Dependency& dependency) {
+        Manifest required;
+        int code = readInstalledManifest(dependency.name, required);
+        if (code == kNoSuchPackage ||
+            (code == kOk &&
+             !versionSatisfies(required.version, dependency.op, dependency.version))) {
+            logPackageEvent(name, "not started: requires " + dependency.name + dependency.op +
+                                      dependency.version);
+            return kMissingDependency;
+        }
+        // A requirement cycle (only a hand-edited store has one) ends here.
+        if (inProgress_.count(dependency.name)) return kOk;
+        if (!request_.withDependencies)
+            return packageStatus(dependency.name) == kOk ? kOk : kMissingDependency;
+        return start(dependency.name);
+    }
+
+    int startSelf(const std::string& name, const Manifest& manifest) {
+        const bool running =
+            packageStatus(name, {.askScript = request_.runScripts, .reportActive = false}) == kOk;
+        if (!running) {
+            if (request_.runScripts) {
+                int code = runPackageScript(name, kServiceScript, {"start"},
+                                            scriptRun(manifest.version, request_));
+                if (code != kOk) {
+                    setMark(layout::activeMark(name), false);
+                    return code;
+                }
+            }
+            record(request_, name);
+            logPackageEvent(name, "started");
+        }
+        setMark(layout::activeMark(name), true);
+        if (request_.type == PKG_INSTALLATION_TYPE_ENABLE) {
+            setMark(layout::enabledFlag(name), true);
+            std::error_code ec;
+            if (!fs::exists(fs::symlink_status(layout::webEntry(name), ec)))
+                makeWebEntry(name, manifest.ui_dir);
+        }
+        return kOk;
+    }
+
+    const ServiceRequest& request_;
+    std::set<std::string> inProgress_;
+};
+
+int stopSelf(const std::string& name, const ServiceRequest& request) {
+    const int status =
+        packageStatus(name, {.askScript = request.runScripts, .reportActive = false});
+    if (status == kNoSuchPackage || status == kBadArgument) return status;
+    const bool running = status == kOk;
+    const bool active = isMarkedActive(name);
+    // A package that is marked active or broken may have left processes
+    // behind: its script gets the chance to clean up, but only the stop of a
+    // running service can fail.
+    if ((running || active || status == kBroken) && request.runScripts) {
+        Manifest manifest;
+        readInstalledManifest(name, manifest);
+        int code =
+            runPackageScript(name, kServiceScript, {"stop"}, scriptRun(manifest.version, request));
+        if (code != kOk && running) return code;
+    }
+    if (running || active) {
+        record(request, name);
+        logPackageEvent(name, "stopped");
+    }
+    setMark(layout::activeMark(name), false);
+    if (request.type == PKG_INSTALLATION_TYPE_DISABLE) setMark(layout::enabledFlag(name), false);
+    return kOk;
+}
+
+int stopUnlocked(const std::string& name, const ServiceRequest& request) {
+    if (!isValidPackageName(name)) return kBadArgument;
+    if (!isInstalled(name)) return kNoSuchPackage;
+    if (request.withDependencies) {
+        std::vector<std::string> order = dependentsOf(name, true);
+        order.pop_back();  // the package itself
+        for (const std::string& dependent : order) {
+            // A dependent that keeps running still needs this package.
+            int code = stopSelf(dependent, request);
+            if (code != kOk) return code;
+        }
+    }
+    return stopSelf(name, request);
+}
+
+}  // namespace
+
+int startLocked(const std::string& name, const ServiceRequest& request) {
+    return Starter(request).start(name);
+}
+
+int stopOneLocked(const std::string& name, const ServiceRequest& request) {
+    if (!isValidPackageName(name)) return kBadArgument;
+    return stopSelf(name, request);
+}
+
+int startPackage(const std::string& name, const ServiceRequest& request) {
+    int code = kOk;
+    std::optional<StoreLock> lock = StoreLock::acquire(code);
+    if (!lock) return code;
+    return Starter(request).start(name);
+}
+
+int stopPackage(const std::string& name, const ServiceRequest& request) {
+    int code = kOk;
+    std::optional<StoreLock> lock = StoreLock::acquire(code);
+    if (!lock) return code;
+    return stopUnlocked(name, request);
+}
+
+int restartPackage(const std::string& name) {
+    int code = kOk;
+    std::optional<StoreLock> lock = StoreLock::acquire(code);
+    if (!lock) return code;
+    std::vector<std::string> stopped;
+    ServiceRequest request;
+    request.affected = &stopped;
+    code = stopUnlocked(name, request);
+    if (code != kOk) return code;
+    request.affected = nullptr;
+    code = Starter(request).start(name);
+    if (code != kOk) return code;
+    // Dependents were stopped dependents-first; they come back requirements-first.
+    for (auto it = stopped.rbegin(); it != stopped.rend(); ++it) {
+        if (*it == name) continue;
+        int again = Starter(request).start(*it);
+        if (again != kOk && code == kOk) code = again;
+    }
+    return code;
+}
+
+int packageStatus(const std::string& name) {
+    return packageStatus(name, StatusQuery{});
+}
+
+int packageStatus(const std::string& name, const StatusQuery& query) {
+    if (!isValidPackageName(name)) return kNoSuchPackage;
+    Manifest manifest;
+    int code = loadInstalled(name, manifest);
+    if (code != kOk) return code;
+    const bool active = isMarkedActive(name);
+    if (!query.askScript || !hasServiceScript(name)) return active ? kOk : kStopped;
+
+    ScriptRun run = scriptRun(manifest.version, ServiceRequest{});
+    run.script = layout::scriptsDir(name) / kServiceScript;
+    run.args = {"status"};
+    run.packageName = name;
+    run.target = layout::targetLink(name);
+    run.lockHeld = false;
+    ScriptOutcome outcome = runScript(run);
+    if (!outcome.launched) return kBroken;
+    code = outcome.timedOut ? kScriptTimeout : outcome.exitCode;
+    if (code == kOk || code == kBroken) return code;
+    return query.reportActive && active ? kStoppedButActive : code;
+}
+
+bool isMarkedActive(const std::string& name) {
+    std::error_code ec;
+    return isValidPackageName(name) && fs::exists(layout::activeMark(name), ec);
+}
+
+}  // namespace quor

@@ -1,0 +1,114 @@
+// Status answers, the on/off query and the log path.
+#include "pkg_manager.h"
+#include "quorpkg/service/services.h"
+#include "service_fixture_test.h"
+
+namespace quor::test {
+namespace {
+
+using QUORPackageTool::PackageManager;
+
+// A real daemon: start leaves a process behind with its pid in a file, and
+// status asks that process (a zombie counts as ended), not a file.
+PackageSpec daemon(const fs::path& trace) {
+    PackageSpec pkg;
+    pkg.name = "daemon";
+    pkg.scripts["start-stop-status"] =
+        "#!/bin/sh\n"
+        "pidfile=\"$QUOR_PKG_VAR/pid\"\n"
+        "alive() { [ -s \"$pidfile\" ] && kill -0 $(cat \"$pidfile\") 2>/dev/null &&\n"
+        "  ! grep -q ') Z' /proc/$(cat \"$pidfile\")/stat; }\n"
+        "case \"$1\" in\n"
+        "start) sleep 600 & echo $! > \"$pidfile\"; echo \"pid $!\" >> '" +
+        trace.string() +
+        "';;\n"
+        "stop) alive && kill $(cat \"$pidfile\"); rm -f \"$pidfile\";;\n"
+        "status) alive && exit 0; exit 3;;\n"
+        "log) echo \"$QUOR_PKG_VAR/daemon.log\";;\n"
+        "esac\n";
+    return pkg;
+}
+
+TEST_F(ServiceTest, StatusFollowsTheScriptTheActiveMarkAndTheStore) {
+    install(daemon(tracePath()));
+    EXPECT_EQ(packageStatus("daemon"), kStopped);
+    ASSERT_EQ(startPackage("daemon", {}), kOk);
+    EXPECT_EQ(packageStatus("daemon"), kOk);
+
+    // The daemon dies after a successful start: the platform still thinks
+    // it runs.
+    std::string pid = readFile(layout::varDir("daemon") / "pid").value_or("0");
+    ASSERT_EQ(::kill(std::stoi(pid), SIGKILL), 0);
+    EXPECT_EQ(packageStatus("daemon"), kStoppedButActive);
+    EXPECT_EQ(packageStatus("daemon", {.reportActive = false}), kStopped);
+    ASSERT_EQ(stopPackage("daemon", {}), kOk);
+    EXPECT_EQ(packageStatus("daemon"), kStopped);
+
+    // The script's own answer passes through, 150 means broken.
+    PackageSpec odd = service("odd");
+    odd.scripts["start-stop-status"] = "#!/bin/sh\n[ \"$1\" = status ] && exit ${CODE:-5}\n";
+    install(odd);
+    EXPECT_EQ(packageStatus("odd"), 5);
+    writeText(layout::scriptsDir("odd") / "start-stop-status", "#!/bin/sh\nexit 150\n", 0755);
+    EXPECT_EQ(packageStatus("odd"), kBroken);
+
+    // Without a script a package runs while it is marked active.
+    PackageSpec plain;
+    plain.name = "plain";
+    install(plain);
+    EXPECT_EQ(packageStatus("plain"), kStopped);
+    ASSERT_EQ(startPackage("plain", {}), kOk);
+    EXPECT_EQ(packageStatus("plain"), kOk);
+
+    // Broken: no manifest, or nothing behind the target.
+    install(service("gone"));
+    fs::remove_all(layout::appstoreDir(volume, "gone"));
+    EXPECT_EQ(packageStatus("gone"), kBroken);
+    fs::remove(layout::manifestFile("plain"));
+    EXPECT_EQ(packageStatus("plain"), kBroken);
+    EXPECT_EQ(packageStatus("absent"), kNoSuchPackage);
+    EXPECT_EQ(packageStatus("../var"), kNoSuchPackage);
+}
+
+TEST_F(ServiceTest, ManagerQueriesAlwaysLeaveTheirCode) {
+    install(service("svc"));
+    PackageManager manager;
+    bool running = true;
+    manager.getServiceStatus("svc", running, true, true);
+    EXPECT_FALSE(running);
+    EXPECT_EQ(manager.getResult(), kStopped);
+    ASSERT_EQ(startPackage("svc", {}), kOk);
+    manager.getServiceStatus("svc", running, true, true);
+    EXPECT_TRUE(running);
+    EXPECT_EQ(manager.getResult(), kOk);
+    EXPECT_FALSE(manager.getServiceStatus("nope", running, true));
+    EXPECT_FALSE(running);
+    EXPECT_EQ(manager.getResult(), kNoSuchPackage);
+
+    EXPECT_FALSE(manager.isServiceEnabled("svc"));
+    EXPECT_EQ(manager.getResult(), kNotEnabled);
+    EXPECT_FALSE(manager.isServiceEnabled("nope"));
+    EXPECT_EQ(manager.getResult(), kNoSuchPackage);
+    writeText(layout::enabledFlag("svc"), "");
+    EXPECT_TRUE(manager.isServiceEnabled("svc"));
+}
+
+TEST_F(ServiceTest, LogPathComesFromTheScriptElseThePackageLog) {
+    install(daemon(tracePath()));
+    install(service("quiet"));  // its script prints nothing for log
+    int code = -1;
+    EXPECT_EQ(packageLogPath("daemon", code), (layout::varDir("daemon") / "daemon.log").string());
+    EXPECT_EQ(code, kOk);
+    EXPECT_EQ(packageLogPath("quiet", code), layout::logFile("quiet").string());
+    writeText(layout::scriptsDir("quiet") / "start-stop-status",
+              "#!/bin/sh\necho /var/log/quiet.log\n", 0755);
+    EXPECT_EQ(packageLogPath("quiet", code), root.host("/var/log/quiet.log").string());
+    writeText(layout::scriptsDir("quiet") / "start-stop-status",
+              "#!/bin/sh\necho /elsewhere; exit 1\n", 0755);
+    EXPECT_EQ(packageLogPath("quiet", code), layout::logFile("quiet").string());
+    EXPECT_EQ(packageLogPath("nope", code), "");
+    EXPECT_EQ(code, kNoSuchPackage);
+}
+
+}  // namespace
+}  // namespace quor::test
