@@ -1,0 +1,120 @@
+// Upgrade checks and upgrades against the package servers.
+#include <syslog.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "base/result.h"
+#include "base/settings.h"
+#include "pkg_manager.h"
+#include "pkg_server.h"
+#include "quorpkg/package/manifest.h"
+#include "quorpkg/server/catalog.h"
+#include "quorpkg/server/offers.h"
+#include "quorpkg/server/sources.h"
+#include "quorpkg/server/upgrades.h"
+#include "quorpkg/store/dependencies.h"
+#include "quorpkg/store/store.h"
+
+namespace {
+
+using QUORPackageTool::PackageInfo;
+
+PackageInfo offeredRecord(const quor::UpgradeOffer& upgrade) {
+    PackageInfo info;
+    info.name = upgrade.name;
+    info.version = quor::entryText(upgrade.entry, "version");
+    info.displayname = quor::entryText(upgrade.entry, "dname");
+    if (info.displayname.empty()) info.displayname = upgrade.name;
+    info.description = quor::entryText(upgrade.entry, "desc");
+    info.beta = quor::entryFlag(upgrade.entry, "beta");
+    return info;
+}
+
+// Which upgrades to apply: all of them or those the firmware limit blocks
+// for upgrade-all; otherwise what the auto_upgrade setting asks for when
+// nobody wants the list.
+std::string upgradePolicy(bool listWanted, bool upgradeAll, bool limitOnly) {
+    if (upgradeAll) return limitOnly ? "limit" : "all";
+    return listWanted ? "none" : quor::loadSettings().auto_upgrade;
+}
+
+std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
+                                       const std::string& policy) {
+    std::erase_if(upgrades, [&](const quor::UpgradeOffer& upgrade) {
+        if (policy == "all") return false;
+        if (policy == "limit") return !quor::blockedByFirmwareLimit(upgrade);
+        if (policy == "important") return !quor::entryFlag(upgrade.entry, "important");
+        return true;
+    });
+    if (upgrades.size() < 2) return upgrades;
+    // Required packages go first.
+    const std::vector<std::string> order = quor::installOrder();
+    auto rank = [&](const std::string& name) {
+        return std::find(order.begin(), order.end(), name) - order.begin();
+    };
+    std::stable_sort(upgrades.begin(), upgrades.end(),
+                     [&](const quor::UpgradeOffer& a, const quor::UpgradeOffer& b) {
+                         return rank(a.name) < rank(b.name);
+                     });
+    return upgrades;
+}
+
+}  // namespace
+
+namespace QUORPackageTool {
+
+bool PMSCheckUpgrade(bool fresh, const char* user, const char* lang,
+                     std::vector<PackageInfo>* out) {
+    return PMSCheckUpgrade(fresh, user, lang, out, false, false);
+}
+
+bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
+                     std::vector<PackageInfo>* out, bool upgradeAll, bool limitOnly) {
+    if (out) out->clear();
+    // Nothing to list or apply: bringing the catalog cache up to date is all.
+    const std::string policy = upgradePolicy(out != nullptr, upgradeAll, limitOnly);
+    const bool refreshOnly = out == nullptr && policy == "none";
+    std::vector<quor::Catalog> catalogs;
+    std::string error;
+    int code = quor::loadCatalogs({fresh, !refreshOnly}, lang, catalogs, &error);
+    if (code != quor::kOk) {
+        syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
+        return quor::fail(code);
+    }
+    if (refreshOnly) return true;
+    const quor::Offers offers(catalogs);
+    std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers);
+    if (out)
+        for (const quor::UpgradeOffer& upgrade : upgrades) out->push_back(offeredRecord(upgrade));
+
+    // Every upgrade is tried; the first failure decides the result.
+    int first = quor::kOk;
+    for (const quor::UpgradeOffer& upgrade : chosen(std::move(upgrades), policy)) {
+        code = quor::applyUpgrade(upgrade, quor::normalLanguage(lang), &error);
+        if (code != quor::kOk) {
+            syslog(LOG_ERR, "upgrade of %s failed: %s", upgrade.name.c_str(), error.c_str());
+            if (first == quor::kOk) first = code;
+        }
+    }
+    return first == quor::kOk || quor::fail(first);
+}
+
+}  // namespace QUORPackageTool
+
+namespace QUORPackageServer {
+
+bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
+    if (name == nullptr || !quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
+    if (!quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage);
+    std::vector<quor::Catalog> catalogs;
+    int code = quor::loadCatalogs(fresh, lang, catalogs);
+    if (code != quor::kOk) return quor::fail(code);
+    const quor::Offers offers(catalogs);
+    if (offers.all(name).empty()) return quor::fail(quor::kNotOnServer);
+    quor::UpgradeOffer upgrade;
+    return quor::findUpgrade(offers, name, upgrade);
+}
+
+}  // namespace QUORPackageServer

@@ -1,0 +1,192 @@
+#include "quorpkg/server/catalog.h"
+
+#include <json/reader.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "base/file_util.h"
+#include "base/key_value.h"
+#include "base/layout.h"
+#include "base/result.h"
+#include "base/settings.h"
+#include "quorpkg/server/digest.h"
+#include "quorpkg/server/http_client.h"
+
+namespace fs = std::filesystem;
+
+namespace quor {
+namespace {
+
+constexpr uint64_t kMaxCatalogBytes = 256ull << 20;
+constexpr uint64_t kMaxHashBytes = 4096;
+// What the upgrade commands write into a hash file to force a fresh load.
+constexpr const char* kResetHash = "temphash";
+
+struct CacheFiles {
+    fs::path list;
+    fs::path hash;
+};
+
+// What a hash file remembers about the kept catalog.
+struct Remembered {
+    std::string hash;
+    std::string source;
+};
+
+std::string trimmed(const std::string& text) {
+    const char* blanks = " \t\r\n";
+    size_t begin = text.find_first_not_of(blanks);
+    if (begin == std::string::npos) return {};
+    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
+Remembered readRemembered(const fs::path& file) {
+    Remembered out;
+    std::optional<std::string> text = readFile(file);
+    std::optional<KeyValues> pairs = text ? parseKeyValues(*text) : std::nullopt;
+    if (!pairs) return out;
+    if (const std::string* hash = findValue(*pairs, "hash")) out.hash = *hash;
+    if (const std::string* source = findValue(*pairs, "source")) out.source = *source;
+    return out;
+}
+
+// With `parse` false only checks that the kept catalog is there.
+bool readKeptCatalog(const fs::path& list, Json::Value& packages, bool parse) {
+    if (!parse) {
+        std::error_code ec;
+        return fs::is_regular_file(list, ec);
+    }
+    std::optional<std::string> text = readFile(list);
+    return text && parseCatalog(*text, packages);
+}
+
+// The kept catalog may serve a cached load: its hash was not reset, it came
+// from the server now configured, and it is younger than the time to live.
+bool keptCatalogIsCurrent(const CacheFiles& files, const Remembered& remembered,
+                          const Source& source, long ttlSeconds) {
+    if (remembered.hash.empty() || remembered.hash == kResetHash || remembered.source != source.url)
+        return false;
+    std::error_code ec;
+    const auto written = fs::last_write_time(files.list, ec);
+    if (ec) return false;
+    const auto age = fs::file_time_type::clock::now() - written;
+    return age < std::chrono::seconds(ttlSeconds);
+}
+
+// The first of `names` the server has: kOk with its text; kNoSuchPackage
+// when it has none of them; kServerUnreachable on any other failure.
+int fetchFirst(const Source& source, std::initializer_list<std::string> names, uint64_t maxBytes,
+               std::string& text, std::string* error) {
+    for (const std::string& name : names) {
+        FetchResult result = fetchText(source.url + name, text, maxBytes);
+        if (result.ok()) return kOk;
+        if (result.status == FetchStatus::kFailed) {
+            if (error) *error = source.url + name + ": " + result.error;
+            return kServerUnreachable;
+        }
+    }
+    return kNoSuchPackage;
+}
+
+void remember(const CacheFiles& files, const std::string& text, const std::string& hash,
+              const Source& source) {
+    // The cache only saves downloads: a list directory we cannot write to
+    // costs a download next time, nothing else.
+    std::error_code ec;
+    fs::create_directories(files.list.parent_path(), ec);
+    if (writeFileAtomic(files.list, text))
+        writeFileAtomic(files.hash, formatKeyValues({{"hash", hash}, {"source", source.url}}));
+}
+
+int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad& how,
+                long ttlSeconds, Catalog& out, std::string* error) {
+    out.source = source;
+    const CacheFiles files{layout::listDir() / source.cacheFileName("list", lang),
+                           layout::listDir() / source.cacheFileName("hash", lang)};
+    const Remembered remembered = readRemembered(files.hash);
+    if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, ttlSeconds) &&
+        readKeptCatalog(files.list, out.packages, how.parse))
+        return kOk;
+
+    std::string serverHash;
+    int code = fetchFirst(source, {"catalog-" + lang + ".hash", "catalog.hash"}, kMaxHashBytes,
+                          serverHash, error);
+    if (code == kServerUnreachable) return code;
+    serverHash = trimmed(serverHash);
+    if (!serverHash.empty() && serverHash != kResetHash && serverHash == remembered.hash &&
+        remembered.source == source.url && readKeptCatalog(files.list, out.packages, how.parse)) {
+        // Still the server's catalog: it serves cached loads for another while.
+        std::error_code ec;
+        fs::last_write_time(files.list, fs::file_time_type::clock::now(), ec);
+        return kOk;
+    }
+
+    std::string text;
+    code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, kMaxCatalogBytes, text,
+                      error);
+    if (code == kNoSuchPackage && error) *error = source.url + ": the server has no catalog";
+    if (code != kOk) return kServerUnreachable;
+    std::string why;
+    if (!parseCatalog(text, out.packages, &why)) {
+        if (error) *error = source.url + ": " + why;
+        return kServerUnreachable;
+    }
+    // A server without a hash file still gets a hash remembered, so that
+    // cached loads can use the catalog.
+    const std::string hash = serverHash.empty() ? dataMd5Hex(text) : serverHash;
+    remember(files, text, hash, source);
+    return kOk;
+}
+
+}  // namespace
+
+bool parseCatalog(const std::string& text, Json::Value& packages, std::string* error) {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string why;
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &why)) {
+        if (error) *error = "the catalog is not JSON: " + why;
+        return false;
+    }
+    if (!root.isObject() || !root["packages"].isArray()) {
+        if (error) *error = "the catalog has no package array";
+        return false;
+    }
+    packages.swap(root["packages"]);  // no copy of a large tree
+    return true;
+}
+
+int loadCatalogs(bool fresh, const char* lang, std::vector<Catalog>& out, std::string* error) {
+    return loadCatalogs(CatalogLoad{fresh, true}, lang, out, error);
+}
+
+int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>& out,
+                 std::string* error) {
+    out.clear();
+    const std::string language = normalLanguage(lang);
+    if (language.empty()) {
+        if (error) *error = "not a language";
+        return kBadArgument;
+    }
+    std::vector<Source> sources;
+    int code = readSources(sources, error);
+    if (code != kOk) return code;
+    const long ttl = loadSettings().catalog_ttl;
+    for (const Source& source : sources) {
+        Catalog catalog;
+        code = loadCatalog(source, language, how, ttl, catalog, error);
+        if (code != kOk) {
+            out.clear();
+            return code;
+        }
+        out.push_back(std::move(catalog));
+    }
+    return kOk;
+}
+
+}  // namespace quor

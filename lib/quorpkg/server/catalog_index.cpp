@@ -1,0 +1,107 @@
+#include "quorpkg/server/catalog_index.h"
+
+#include <json/writer.h>
+
+#include <algorithm>
+#include <system_error>
+#include <vector>
+
+#include "base/file_util.h"
+#include "base/result.h"
+#include "quorpkg/package/package_file.h"
+#include "quorpkg/package/version.h"
+#include "quorpkg/server/digest.h"
+#include "quorpkg/server/http_client.h"
+
+namespace fs = std::filesystem;
+
+namespace quor {
+namespace {
+
+std::string manifestValue(const Manifest& manifest, const char* key) {
+    const std::string* value = findValue(manifest.pairs, key);
+    return value ? *value : std::string();
+}
+
+int entryOf(const fs::path& file, Json::Value& entry, std::string* error) {
+    PackageFileHead head;
+    std::string why;
+    int code = readPackageHead(file, head, &why);
+    std::error_code ec;
+    const uint64_t size = fs::file_size(file, ec);
+    std::optional<std::string> md5 = fileMd5Hex(file);
+    if (code == kOk && (ec || !md5)) code = kFileUnreadable;
+    if (code != kOk) {
+        if (error) *error = file.string() + ": " + (why.empty() ? "cannot be read" : why);
+        return code;
+    }
+    const Manifest& manifest = head.manifest;
+    entry = Json::Value(Json::objectValue);
+    entry["package"] = manifest.name;
+    entry["version"] = manifest.version;
+    entry["dname"] = manifest.displayname;
+    entry["desc"] = manifest.description;
+    entry["type"] = 0;
+    entry["size"] = Json::UInt64(size);
+    entry["link"] = escapeUrlSegment(file.filename().string());
+    entry["md5"] = *md5;
+    entry["beta"] = manifest.beta;
+    entry["important"] = manifestValue(manifest, "important") == "yes";
+    entry["deps"] = manifestValue(manifest, "install_dep_packages");
+    entry["firmware"] = manifest.firmware;
+    entry["arch"] = manifest.arch.empty() ? "noarch" : manifest.arch;
+    return kOk;
+}
+
+std::string compactJson(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+}  // namespace
+
+int buildCatalog(const fs::path& dir, Json::Value& catalog, std::string* error) {
+    std::vector<fs::path> files;
+    std::error_code ec;
+    for (const auto& item : fs::directory_iterator(dir, ec))
+        if (item.path().extension() == ".zpk" && item.is_regular_file(ec))
+            files.push_back(item.path());
+    if (ec) {
+        if (error) *error = dir.string() + ": " + ec.message();
+        return kFileUnreadable;
+    }
+    std::vector<Json::Value> entries;
+    for (const fs::path& file : files) {
+        Json::Value entry;
+        int code = entryOf(file, entry, error);
+        if (code != kOk) return code;
+        entries.push_back(std::move(entry));
+    }
+    std::sort(entries.begin(), entries.end(), [](const Json::Value& a, const Json::Value& b) {
+        const std::string nameA = a["package"].asString(), nameB = b["package"].asString();
+        if (nameA != nameB) return nameA < nameB;
+        return compareVersions(a["version"].asString(), b["version"].asString()) < 0;
+    });
+    Json::Value packages(Json::arrayValue);
+    for (Json::Value& entry : entries) packages.append(std::move(entry));
+    catalog = Json::Value(Json::objectValue);
+    catalog["hash"] = dataMd5Hex(compactJson(packages));
+    catalog["packages"] = std::move(packages);
+    return kOk;
+}
+
+int writeCatalogFiles(const fs::path& dir, const Json::Value& catalog, std::string* error) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    // The catalog goes first: a client that sees the new hash finds the new
+    // catalog behind it.
+    if (!writeFileAtomic(dir / "catalog.json", Json::writeString(builder, catalog) + "\n") ||
+        !writeFileAtomic(dir / "catalog.hash", catalog["hash"].asString() + "\n")) {
+        if (error) *error = "cannot write the catalog into " + dir.string();
+        return kStoreUnusable;
+    }
+    return kOk;
+}
+
+}  // namespace quor

@@ -1,0 +1,92 @@
+#include "quorpkg/server/offers.h"
+
+#include <algorithm>
+
+#include "base/settings.h"
+#include "quorpkg/package/manifest.h"
+#include "quorpkg/package/version.h"
+#include "quorpkg/server/http_client.h"
+
+namespace quor {
+namespace {
+
+bool runsHere(const Json::Value& entry, const std::string& arch, const std::string& firmware) {
+    const std::string wanted = entryText(entry, "arch");
+    if (!wanted.empty() && wanted != "noarch" && wanted != arch) return false;
+    const std::string needs = entryText(entry, "firmware");
+    return needs.empty() || compareVersions(needs, firmware) <= 0;
+}
+
+bool usableLink(const std::string& link, const Source& source) {
+    if (link.empty()) return false;
+    const std::string scheme = urlScheme(link);
+    return scheme != "file" || urlScheme(source.url) == "file";
+}
+
+}  // namespace
+
+Offers::Offers(const std::vector<Catalog>& catalogs) {
+    const Settings settings = loadSettings();
+    const std::string arch = effectiveArch(settings);
+    for (const Catalog& catalog : catalogs) {
+        for (const Json::Value& entry : catalog.packages) {
+            if (!entry.isObject()) continue;
+            Offer offer{&entry, &catalog.source, entryText(entry, "version"),
+                        entryFlag(entry, "beta")};
+            const std::string name = entryText(entry, "package");
+            if (!isValidPackageName(name) || !isValidVersion(offer.version) ||
+                !usableLink(entryText(entry, "link"), catalog.source) ||
+                !runsHere(entry, arch, settings.firmware_version))
+                continue;
+            byName_[name].push_back(std::move(offer));
+        }
+    }
+    // Newest first; for one version the server listed first wins.
+    for (auto& [name, offers] : byName_) {
+        std::stable_sort(offers.begin(), offers.end(), [](const Offer& a, const Offer& b) {
+            return compareVersions(a.version, b.version) > 0;
+        });
+    }
+}
+
+const Offer* Offers::newest(const std::string& name, bool allowBeta) const {
+    for (const Offer& offer : all(name))
+        if (allowBeta || !offer.beta) return &offer;
+    return nullptr;
+}
+
+const std::vector<Offer>& Offers::all(const std::string& name) const {
+    static const std::vector<Offer> none;
+    auto found = byName_.find(name);
+    return found == byName_.end() ? none : found->second;
+}
+
+bool resolvedEntry(const Offer& offer, Json::Value& out) {
+    const std::string link = resolveUrl(offer.source->url, entryText(*offer.entry, "link"));
+    if (!usableLink(link, *offer.source)) return false;
+    out = *offer.entry;
+    out["link"] = link;
+    return true;
+}
+
+std::string entryText(const Json::Value& entry, const char* key) {
+    if (!entry.isObject()) return {};
+    const Json::Value& value = entry[key];
+    if (value.isString()) return value.asString();
+    if (value.isIntegral() || value.isDouble()) return value.asString();
+    return {};
+}
+
+bool entryFlag(const Json::Value& entry, const char* key) {
+    if (!entry.isObject()) return false;
+    const Json::Value& value = entry[key];
+    if (value.isBool()) return value.asBool();
+    if (value.isIntegral()) return value.asInt64() != 0;
+    if (value.isString()) {
+        const std::string text = value.asString();
+        return text == "yes" || text == "true" || text == "1";
+    }
+    return false;
+}
+
+}  // namespace quor

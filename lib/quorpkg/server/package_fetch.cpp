@@ -1,0 +1,69 @@
+#include "quorpkg/server/package_fetch.h"
+
+#include <system_error>
+
+#include "base/result.h"
+#include "quorpkg/server/digest.h"
+
+namespace fs = std::filesystem;
+
+namespace quor {
+namespace {
+
+int failWith(int code, std::string* error, const std::string& why) {
+    if (error) *error = why;
+    return code;
+}
+
+// The md5 in the name keeps a part of one file from being continued with
+// the bytes of another version.
+std::string baseName(const PackageDownload& download) {
+    std::string name = download.name;
+    if (!download.md5.empty()) name += "-" + download.md5;
+    return name;
+}
+
+}  // namespace
+
+int fetchPackage(const PackageDownload& download, const fs::path& dir, const ProgressFn& progress,
+                 fs::path& file, std::string* error) {
+    std::error_code ec;
+    fs::create_directories(dir, ec);
+    if (ec) return failWith(kDownloadFailed, error, "cannot create " + dir.string());
+    const fs::path part = dir / (baseName(download) + ".zpk.part");
+    const fs::path done = dir / (baseName(download) + ".zpk");
+    fs::remove(done, ec);
+
+    // A complete part from an earlier try needs no transfer at all.
+    const uint64_t have = fs::is_regular_file(part, ec) ? fs::file_size(part, ec) : 0;
+    if (download.size == 0 || have != download.size) {
+        FetchResult result = downloadFile(download.link, part, download.size, progress);
+        if (!result.ok()) {
+            if (!result.resumable) fs::remove(part, ec);
+            return failWith(kDownloadFailed, error, download.link + ": " + result.error);
+        }
+    } else if (progress) {
+        progress(have);
+    }
+
+    const uint64_t size = fs::file_size(part, ec);
+    if (ec || (download.size != 0 && size != download.size)) {
+        fs::remove(part, ec);
+        return failWith(kDownloadFailed, error,
+                        download.link + ": got " + std::to_string(size) + " bytes, expected " +
+                            std::to_string(download.size));
+    }
+    if (!download.md5.empty()) {
+        std::optional<std::string> md5 = fileMd5Hex(part);
+        if (!md5 || !sameDigest(*md5, download.md5)) {
+            fs::remove(part, ec);
+            return failWith(kChecksumMismatch, error, download.link + ": md5 mismatch");
+        }
+    }
+    fs::rename(part, done, ec);
+    if (ec) return failWith(kDownloadFailed, error, "cannot rename " + part.string());
+    file = done;
+    return kOk;
+}
+
+}  // namespace quor

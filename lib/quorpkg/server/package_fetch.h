@@ -1,0 +1,29 @@
+// Downloading one package file from a server into a volume's staging
+// folder, with the checks the catalog makes possible.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "quorpkg/server/http_client.h"
+
+namespace quor {
+
+struct PackageDownload {
+    std::string name;
+    std::string link;   // absolute URL
+    uint64_t size = 0;  // 0 when not known
+    std::string md5;    // empty when not known
+};
+
+// Downloads into `dir` (created when missing) as <name>[-<md5>].zpk.part,
+// continuing a part an earlier try left, then checks the size
+// (kDownloadFailed) and the md5 (kChecksumMismatch) and renames the part to
+// .zpk. A file that fails a check is removed; a broken transfer keeps its
+// part for the next try (kDownloadFailed). kOk with `file` set.
+int fetchPackage(const PackageDownload& download, const std::filesystem::path& dir,
+                 const ProgressFn& progress, std::filesystem::path& file,
+                 std::string* error = nullptr);
+
+}  // namespace quor

@@ -1,0 +1,120 @@
+// install_from_server and the upgrade commands through the built binary,
+// against a real HTTP server serving a folder indexed by the built zpk tool.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+#include <thread>
+
+#include "base/file_util.h"
+#include "quorpkg/server/task_file.h"
+#include "server_fixture_test.h"
+#include "tool_runner.h"
+
+namespace quor::e2e {
+namespace {
+
+test::PackageSpec demo(const std::string& version) {
+    test::PackageSpec spec;
+    spec.version = version;
+    spec.info = {{"displayname", "Demo"}, {"description", "Demo app"}};
+    return spec;
+}
+
+class E2eServer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(repo);
+        publish("1.0");
+        server.emplace(repo);
+        useServer(server->url());
+    }
+
+    // Builds the version with zpk into the served folder and indexes it.
+    void publish(const std::string& version) {
+        const std::string file = device.package(demo(version));
+        fs::rename(device.packageDir() / file, repo / file);
+        ASSERT_EQ(runProgram(ZPK_BINARY, {"index", repo.string()}, repo).status, 0);
+    }
+
+    void useServer(const std::string& url) const {
+        test::writeText(device.root().host("/etc/quorpkg/sources"), "quorserver " + url + "\n");
+    }
+
+    std::string hashFile() const {
+        return readFile(device.root().host("/var/cache/quorpkg/list/quorserver.hash.enu"))
+            .value_or("(missing)");
+    }
+
+    Task waitForTask(const std::string& name) const {
+        for (int i = 0; i < 3000; ++i) {
+            std::optional<Task> task = readTask(name);
+            if (task && task->finished()) return *task;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        ADD_FAILURE() << "the installation of " << name << " did not finish";
+        return {};
+    }
+
+    Device device;
+    fs::path repo = device.packageDir() / "repo";
+    std::optional<test::HttpServer> server;
+};
+
+TEST_F(E2eServer, InstallFromServerThenCheckAndUpgrade) {
+    RunResult accepted = device.quorpkg({"install_from_server", "demo", "", "admin"});
+    EXPECT_EQ(accepted.out, "");
+    EXPECT_EQ(accepted.status, 0);
+    EXPECT_EQ(waitForTask("demo").state, "done");
+    EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "1.0\n");
+    RunResult again = device.quorpkg({"install_from_server", "demo"});
+    EXPECT_EQ(again.out, "Package 'demo' already installed\n");
+    EXPECT_EQ(again.status, 1);
+    RunResult unknown = device.quorpkg({"install_from_server", "ghost"});
+    EXPECT_EQ(unknown.out, "Failed to query package list from server\n");
+    EXPECT_EQ(unknown.status, 1);
+
+    RunResult none = device.quorpkg({"checkupdateall"});
+    EXPECT_EQ(none.out, "[]\n");
+    EXPECT_EQ(none.status, 0);
+    // The cached catalog does not know 2.0 until a fresh check resets it.
+    publish("2.0");
+    EXPECT_EQ(device.quorpkg({"checkupdateall"}).out, "[]\n");
+    EXPECT_EQ(device.quorpkg({"checkupdate", "demo"}).status, 1);
+    RunResult checked = device.quorpkg({"chkupgradepkg"});
+    EXPECT_EQ(checked.out, "");
+    EXPECT_EQ(checked.status, 0);
+    EXPECT_NE(hashFile().find("hash=\"temphash\""), std::string::npos);
+    EXPECT_EQ(device.quorpkg({"checkupdateall", "enu", "admin"}).out,
+              "[{\"beta\":false,\"id\":\"demo\",\"name\":\"Demo\",\"version\":\"2.0\"}]\n");
+    EXPECT_EQ(device.quorpkg({"checkupdate", "demo"}).status, 0);
+
+    // With the server down the checks fail and the hash stays as it was.
+    const std::string remembered = hashFile();
+    ASSERT_EQ(remembered.find("temphash"), std::string::npos);
+    server.reset();
+    test::ClosedPort closed;
+    useServer(closed.url());
+    RunResult failed = device.quorpkg({"chkupgradepkg", "enu"});
+    EXPECT_EQ(failed.out, "Fail to check upgrable packages in Quorvel package server\n");
+    EXPECT_EQ(failed.status, 1);
+    RunResult notUpgraded = device.quorpkg({"upgradeall", "false"});
+    EXPECT_EQ(notUpgraded.out, "Fail to upgrade all packages in Quorvel package server\n");
+    EXPECT_EQ(notUpgraded.status, 1);
+    EXPECT_EQ(hashFile(), remembered);
+    EXPECT_EQ(device.quorpkg({"checkupdateall"}).out, "[]\n");
+
+    server.emplace(repo);
+    useServer(server->url());
+    // Limit-only by default: nothing blocked, nothing upgraded.
+    EXPECT_EQ(device.quorpkg({"upgradeall"}).status, 0);
+    EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "1.0\n");
+    RunResult upgraded = device.quorpkg({"upgradeall", "false"});
+    EXPECT_EQ(upgraded.out, "");
+    EXPECT_EQ(upgraded.status, 0);
+    EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "2.0\n");
+    EXPECT_NE(hashFile().find("hash=\"temphash\""), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quor::e2e

@@ -1,0 +1,186 @@
+// The package-server test fixture: a real HTTP server per test.
+#include "server_fixture_test.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <regex>
+#include <stdexcept>
+#include <thread>
+
+#include "base/file_util.h"
+#include "base/layout.h"
+#include "base/result.h"
+#include "pkg_manager.h"
+#include "pkg_server.h"
+#include "quor_core.h"
+#include "quorpkg/server/catalog_index.h"
+#include "quorpkg/store/installer.h"
+#include "quorpkg/store/store.h"
+
+namespace quor::test {
+namespace {
+
+// Bounded polling: the count is the limit, the pause only spares the CPU.
+constexpr int kPolls = 3000;
+constexpr auto kPause = std::chrono::milliseconds(20);
+
+bool accepts(int port) {
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return fd && ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+}  // namespace
+
+HttpServer::HttpServer(const fs::path& dir) {
+    const fs::path log = logDir_.path() / "http.log";
+    pid_ = ::fork();
+    if (pid_ < 0) throw std::runtime_error("fork");
+    if (pid_ == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        ::execlp("python3", "python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1",
+                 "--directory", dir.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // The server prints the port it got, then serves.
+    static const std::regex kPortLine("port ([0-9]+)");
+    for (int i = 0; i < kPolls && port_ == 0; ++i) {
+        std::smatch match;
+        const std::string text = readFile(log).value_or("");
+        if (std::regex_search(text, match, kPortLine))
+            port_ = std::stoi(match[1]);
+        else
+            std::this_thread::sleep_for(kPause);
+    }
+    for (int i = 0; port_ != 0 && i < kPolls && !accepts(port_); ++i)
+        std::this_thread::sleep_for(kPause);
+    if (port_ == 0 || !accepts(port_)) {
+        stop();
+        throw std::runtime_error("the HTTP server did not start: " + readFile(log).value_or(""));
+    }
+}
+
+HttpServer::~HttpServer() {
+    stop();
+}
+
+void HttpServer::stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+ClosedPort::ClosedPort() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        throw std::runtime_error("cannot bind a local port");
+    port_ = ntohs(address.sin_port);
+}
+
+ClosedPort::~ClosedPort() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+void ServerTest::SetUp() {
+    volume1 = root.addVolume(1);
+    volume2 = root.addVolume(2);
+    repo = files.path() / "repo";
+    fs::create_directories(repo);
+    QUORPackageTool::PackageManager manager;
+    ASSERT_TRUE(manager.init());
+}
+
+fs::path ServerTest::publish(const PackageSpec& spec) {
+    return buildTestPackage(repo, spec);
+}
+
+void ServerTest::index(const fs::path& dir) {
+    Json::Value catalog;
+    std::string error;
+    ASSERT_EQ(buildCatalog(dir, catalog, &error), kOk) << error;
+    ASSERT_EQ(writeCatalogFiles(dir, catalog, &error), kOk) << error;
+}
+
+void ServerTest::serve() {
+    index();
+    server.emplace(repo);
+    writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
+}
+
+void ServerTest::setting(const std::string& line) const {
+    std::string text = readFile(layout::settingsFile()).value_or("");
+    writeText(layout::settingsFile(), text + line + "\n");
+}
+
+void ServerTest::installLocal(const PackageSpec& spec) {
+    TempDir dir;
+    InstallRequest request;
+    request.file = buildTestPackage(dir.path(), spec);
+    ASSERT_EQ(installPackage(request), kOk);
+}
+
+std::string ServerTest::installedVersion(const std::string& name) const {
+    Manifest manifest;
+    return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";
+}
+
+Task ServerTest::installFromServer(const std::string& name, const std::string& volume, bool beta) {
+    Json::Value entry;
+    EXPECT_TRUE(QUORPackageServer::GetPackageInfoFromServer(name, entry, true, "enu", beta))
+        << lastResult();
+    std::string target = volume;
+    if (target.empty() && !QUORPackageTool::PMSGetPackageDefVol(target)) {
+        EXPECT_TRUE(QUORPackageTool::PMSGetTmpDir(entry["size"].asUInt64(), target));
+    }
+    VOLUME_PATH_INFO info;
+    std::memset(&info, 0, sizeof info);
+    EXPECT_GE(VolumePathParseEx(target.c_str(), &info), 0) << target;
+    const bool accepted = QUORPackageServer::BackgroundInstall(
+        "admin", info.path, name.c_str(), entry["dname"].asCString(), nullptr,
+        entry["type"].asInt() != 0, "enu", entry["size"].asUInt64(), entry["link"].asCString(),
+        entry["md5"].asCString(), true, beta);
+    EXPECT_TRUE(accepted) << lastResult();
+    return accepted ? waitForTask(name) : Task{};
+}
+
+Task ServerTest::waitForTask(const std::string& name) const {
+    for (int i = 0; i < kPolls; ++i) {
+        std::optional<Task> task = readTask(name);
+        if (task && task->finished()) return *task;
+        std::this_thread::sleep_for(kPause);
+    }
+    ADD_FAILURE() << "the installation of " << name << " did not finish";
+    return readTask(name).value_or(Task{});
+}
+
+std::vector<std::string> ServerTest::staged(const fs::path& volume) const {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(layout::volumeTmpDir(volume), ec))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace quor::test

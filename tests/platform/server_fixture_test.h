@@ -1,0 +1,89 @@
+// What the package-server tests share: a real HTTP server (python3's
+// http.server on 127.0.0.1, on a port the kernel picks) serving a folder of
+// package files with its catalog, a temporary device with two volumes, and
+// a bounded wait for background installations.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "quorpkg/server/task_file.h"
+#include "test_support.h"
+
+namespace quor::test {
+
+// python3 -m http.server serving `dir`; stopped and reaped with the object.
+class HttpServer {
+public:
+    explicit HttpServer(const fs::path& dir);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    // http://127.0.0.1:<port>/
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+
+private:
+    void stop();
+
+    TempDir logDir_;
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+// A local port that refuses connections for the object's life: bound, never
+// listening.
+class ClosedPort {
+public:
+    ClosedPort();
+    ~ClosedPort();
+    ClosedPort(const ClosedPort&) = delete;
+    ClosedPort& operator=(const ClosedPort&) = delete;
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
+class ServerTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+
+    // Builds the package into the served folder; returns the file.
+    fs::path publish(const PackageSpec& spec);
+    // Rewrites the catalog.json and catalog.hash of a folder (the served one).
+    void index() { index(repo); }
+    static void index(const fs::path& dir);
+    // Indexes, starts the server and makes it the only source.
+    void serve();
+    void setting(const std::string& line) const;
+
+    // Installs a package file straight into the store (as a local install).
+    void installLocal(const PackageSpec& spec);
+    std::string installedVersion(const std::string& name) const;
+
+    // What the tool does for install_from_server, then the background
+    // installation's outcome. Fails the test when it is refused.
+    Task installFromServer(const std::string& name, const std::string& volume = "",
+                           bool beta = false);
+
+    // Polls the task file until the task is done or failed (a bounded
+    // number of polls; an unfinished task fails the test).
+    Task waitForTask(const std::string& name) const;
+
+    // The names of the files in a volume's staging folder.
+    std::vector<std::string> staged(const fs::path& volume) const;
+
+    TempRoot root;
+    TempDir files;
+    fs::path repo;
+    fs::path volume1, volume2;
+    std::optional<HttpServer> server;
+};
+
+}  // namespace quor::test
