@@ -5,7 +5,7 @@
 #include "base/result.h"
 #include "pkg_server.h"
 #include "quor_core.h"
-#include "quorpkg/server/digest.h"
+#include "quorpkg/package/md5.h"
 #include "server_fixture_test.h"
 
 namespace quor::test {

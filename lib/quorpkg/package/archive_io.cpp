@@ -50,26 +50,4 @@ la_int64_t FdSource::skip(archive*, void* self, la_int64_t request) {
     return step;
 }
 
-Md5::Md5() : ctx_(EVP_MD_CTX_new()) {
-    if (!ctx_ || EVP_DigestInit_ex(ctx_.get(), EVP_md5(), nullptr) != 1)
-        throw std::runtime_error("md5 is not available");
-}
-
-void Md5::update(const void* data, size_t size) {
-    EVP_DigestUpdate(ctx_.get(), data, size);
-}
-
-std::string Md5::hex() {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(ctx_.get(), digest, &length);
-    static const char* digits = "0123456789abcdef";
-    std::string out;
-    for (unsigned int i = 0; i < length; ++i) {
-        out += digits[digest[i] >> 4];
-        out += digits[digest[i] & 15];
-    }
-    return out;
-}
-
 }  // namespace quor::archive_io

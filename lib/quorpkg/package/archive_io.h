@@ -4,7 +4,6 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <openssl/evp.h>
 #include <sys/types.h>
 
 #include <memory>
@@ -49,21 +48,6 @@ private:
     int fd_;
     std::vector<char> buffer_;
     long long bytesRead_ = 0;
-};
-
-// An md5 digest computed piece by piece.
-class Md5 {
-public:
-    Md5();
-    void update(const void* data, size_t size);
-    // Lower-case hex; the digest cannot be updated afterwards.
-    std::string hex();
-
-private:
-    struct CtxDeleter {
-        void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-    };
-    std::unique_ptr<EVP_MD_CTX, CtxDeleter> ctx_;
 };
 
 }  // namespace quor::archive_io

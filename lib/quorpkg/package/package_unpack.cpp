@@ -11,6 +11,7 @@
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/package/entry_check.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
@@ -116,7 +117,7 @@ private:
 // hashed on the way through.
 struct PayloadStream {
     archive* outer;
-    archive_io::Md5 md5;
+    Md5 md5;
     char buffer[64 * 1024];
 
     static la_ssize_t read(archive* inner, void* self, const void** block) {

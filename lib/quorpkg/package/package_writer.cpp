@@ -11,6 +11,7 @@
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/package/entry_check.h"
 #include "quorpkg/package/manifest.h"
 #include "quorpkg/package/package_file.h"
@@ -56,7 +57,7 @@ private:
 struct HashingSink {
     explicit HashingSink(int out) : fd(out) {}
     int fd;
-    archive_io::Md5 md5;
+    Md5 md5;
     long long size = 0;
 
     static la_ssize_t write(archive* a, void* self, const void* data, size_t length) {

@@ -12,7 +12,7 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "base/settings.h"
-#include "quorpkg/server/digest.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/server/http_client.h"
 
 namespace fs = std::filesystem;

@@ -10,7 +10,7 @@
 #include "base/result.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/version.h"
-#include "quorpkg/server/digest.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/server/http_client.h"
 
 namespace fs = std::filesystem;

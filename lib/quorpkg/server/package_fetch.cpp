@@ -3,7 +3,7 @@
 #include <system_error>
 
 #include "base/result.h"
-#include "quorpkg/server/digest.h"
+#include "quorpkg/package/md5.h"
 
 namespace fs = std::filesystem;
 

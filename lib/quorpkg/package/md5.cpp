@@ -1,0 +1,66 @@
+#include "quorpkg/package/md5.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <stdexcept>
+
+#include "base/file_util.h"
+
+namespace quor {
+
+Md5::Md5() : ctx_(EVP_MD_CTX_new()) {
+    if (!ctx_ || EVP_DigestInit_ex(ctx_.get(), EVP_md5(), nullptr) != 1)
+        throw std::runtime_error("md5 is not available");
+}
+
+void Md5::update(const void* data, size_t size) {
+    EVP_DigestUpdate(ctx_.get(), data, size);
+}
+
+std::string Md5::hex() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(ctx_.get(), digest, &length);
+    static const char* digits = "0123456789abcdef";
+    std::string out;
+    for (unsigned int i = 0; i < length; ++i) {
+        out += digits[digest[i] >> 4];
+        out += digits[digest[i] & 15];
+    }
+    return out;
+}
+
+std::optional<std::string> fileMd5Hex(const std::filesystem::path& file) {
+    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return std::nullopt;
+    Md5 md5;
+    char buffer[1 << 16];
+    for (;;) {
+        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) break;
+        md5.update(buffer, static_cast<size_t>(n));
+    }
+    return md5.hex();
+}
+
+std::string dataMd5Hex(std::string_view data) {
+    Md5 md5;
+    md5.update(data.data(), data.size());
+    return md5.hex();
+}
+
+bool sameDigest(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (std::tolower(static_cast<unsigned char>(a[i])) !=
+            std::tolower(static_cast<unsigned char>(b[i])))
+            return false;
+    return true;
+}
+
+}  // namespace quor
