@@ -10,15 +10,10 @@
 #   bench/onoffall.sh [WORK_DIR]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(dirname "$here")
-quorpkg=${QUORPKG:-$top/build/quorpkg}
-zpk=${ZPK:-$top/build/tools/zpk}
-work=${1:-$here/work/onoffall}
-command -v hyperfine >/dev/null || apt-get install -y -qq hyperfine
-[ -x "$quorpkg" ] || { cmake -S "$top" -B "$top/build" && cmake --build "$top/build" -j"$(nproc)"; }
-rm -rf "$work" && mkdir -p "$work"
-results=$work/results
-mkdir -p "$results" "$work/zpk"
+source "$here/../scripts/common.sh"
+bench_setup "${1:-$here/work/onoffall}"
+quorpkg=$QUORPKG zpk=$ZPK
+mkdir -p "$work/zpk"
 
 # Four levels of ten packages; each package of levels 2 to 4 needs two of
 # the level below, so a level can start only when the one below is up.

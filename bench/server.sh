@@ -10,18 +10,11 @@
 #   bench/server.sh [WORK_DIR]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(dirname "$here")
-quorpkg=${QUORPKG:-$top/build/quorpkg}
-zpk=${ZPK:-$top/build/tools/zpk}
-work=${1:-$here/work/server}
-command -v hyperfine >/dev/null || apt-get install -y -qq hyperfine
-[ -x "$quorpkg" ] || { cmake -S "$top" -B "$top/build" && cmake --build "$top/build" -j"$(nproc)"; }
-rm -rf "$work" && mkdir -p "$work"
-results=$work/results
-mkdir -p "$results" "$work/repo" "$work/zpk"
-
-server_pid=
-trap '[ -z "$server_pid" ] || kill "$server_pid" 2>/dev/null || true' EXIT
+source "$here/../scripts/common.sh"
+bench_setup "${1:-$here/work/server}"
+quorpkg=$QUORPKG zpk=$ZPK
+mkdir -p "$work/repo" "$work/zpk"
+trap stop_http_server EXIT
 
 echo "== building and installing 1,000 packages"
 export QUOR_ROOT=$work/device
@@ -59,16 +52,7 @@ with open(f"{repo}/catalog.hash", "w") as out:
 PY
 ls -l "$work/repo"
 
-python3 -m http.server 0 --bind 127.0.0.1 --directory "$work/repo" >"$work/http.log" 2>&1 &
-server_pid=$!
-port=
-for _ in $(seq 200); do
-  port=$(sed -n 's/.* port \([0-9]*\) .*/\1/p' "$work/http.log" | head -n1)
-  [ -n "$port" ] && (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
-  port=
-  sleep 0.05
-done
-[ -n "$port" ] || { echo "the HTTP server did not start" >&2; exit 1; }
+start_http_server "$work/repo" "$work/http.log"
 echo "quorserver http://127.0.0.1:$port/" > "$QUOR_ROOT/etc/quorpkg/sources"
 
 echo "== checkupdateall on the cached catalog"

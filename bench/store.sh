@@ -9,15 +9,9 @@
 #   bench/store.sh [WORK_DIR]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(dirname "$here")
-quorpkg=$top/build/quorpkg
-zpk=$top/build/tools/zpk
-work=${1:-$here/work/store}
-command -v hyperfine >/dev/null || apt-get install -y -qq hyperfine
-[ -x "$quorpkg" ] || { cmake -S "$top" -B "$top/build" && cmake --build "$top/build" -j"$(nproc)"; }
-rm -rf "$work" && mkdir -p "$work"
-results=$work/results
-mkdir -p "$results"
+source "$here/../scripts/common.sh"
+bench_setup "${1:-$here/work/store}"
+quorpkg=$QUORPKG zpk=$ZPK
 
 # make_source DIR NAME VERSION [DEPS]: a package source with a small payload.
 make_source() {

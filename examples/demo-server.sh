@@ -9,43 +9,14 @@
 # from build/. The device is $QUOR_ROOT (made with two volumes when unset).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(dirname "$here")
-QUORPKG=${1:-${QUORPKG:-$top/build/quorpkg}}
-ZPK=${2:-${ZPK:-$top/build/tools/zpk}}
-for tool in "$QUORPKG" "$ZPK"; do
-  [ -x "$tool" ] || { echo "not built: $tool (see README.md)" >&2; exit 1; }
-done
-QUORPKG=$(realpath "$QUORPKG") ZPK=$(realpath "$ZPK")
+source "$here/../scripts/common.sh"
+quor_tools "${1:-}" "${2:-}"
 command -v python3 >/dev/null || { echo "python3 is needed for the HTTP server" >&2; exit 1; }
-export QUOR_ROOT=${QUOR_ROOT:-$(mktemp -d /tmp/quor-server.XXXXXX)}
-mkdir -p "$QUOR_ROOT/volume1" "$QUOR_ROOT/volume2" "$QUOR_ROOT/etc/quorpkg"
+quor_device
 work=$(mktemp -d /tmp/quor-repo.XXXXXX)
 repo=$work/repo
 mkdir -p "$repo"
-
-server_pid=
-stop_server() {
-  if [ -n "$server_pid" ]; then
-    kill "$server_pid" 2>/dev/null || true
-    wait "$server_pid" 2>/dev/null || true
-    server_pid=
-  fi
-}
-trap 'stop_server; rm -rf "$work"' EXIT
-
-run() {
-  echo "\$ quorpkg $*"
-  local status=0
-  "$QUORPKG" "$@" || status=$?
-  echo "[exit $status]"
-  echo
-}
-
-show() {
-  echo "\$ cat ${1#"$QUOR_ROOT"}"
-  cat "$1" 2>/dev/null || echo "(no such file)"
-  echo
-}
+trap 'stop_http_server; rm -rf "$work"' EXIT
 
 # publish SOURCE [VERSION]: builds an example package (at another version
 # when given) into the served folder.
@@ -77,16 +48,7 @@ echo "\$ zpk index ${repo#"$work/"}"
 (cd "$work" && "$ZPK" index repo)
 echo
 
-python3 -u -m http.server 0 --bind 127.0.0.1 --directory "$repo" >"$work/http.log" 2>&1 &
-server_pid=$!
-port=
-for _ in $(seq 200); do
-  port=$(sed -n 's/.* port \([0-9]*\) .*/\1/p' "$work/http.log" | head -n1)
-  [ -n "$port" ] && (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
-  port=
-  sleep 0.05
-done
-[ -n "$port" ] || { echo "the HTTP server did not start" >&2; cat "$work/http.log" >&2; exit 1; }
+start_http_server "$repo" "$work/http.log"
 echo "quorserver http://127.0.0.1:$port/" > "$QUOR_ROOT/etc/quorpkg/sources"
 show "$QUOR_ROOT/etc/quorpkg/sources"
 
@@ -120,6 +82,6 @@ run checkupdateall
 show "$QUOR_ROOT/var/packages/notebook/var/notes.txt"
 
 echo "== The server goes away: checks fail and the remembered hash stays"
-stop_server
+stop_http_server
 run chkupgradepkg enu
 show "$QUOR_ROOT/var/cache/quorpkg/list/quorserver.hash.enu"

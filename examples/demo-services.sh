@@ -9,31 +9,11 @@
 # from build/. The device is $QUOR_ROOT (made with two volumes when unset).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(dirname "$here")
-QUORPKG=${1:-${QUORPKG:-$top/build/quorpkg}}
-ZPK=${2:-${ZPK:-$top/build/tools/zpk}}
-for tool in "$QUORPKG" "$ZPK"; do
-  [ -x "$tool" ] || { echo "not built: $tool (see README.md)" >&2; exit 1; }
-done
-export QUOR_ROOT=${QUOR_ROOT:-$(mktemp -d /tmp/quor-services.XXXXXX)}
-mkdir -p "$QUOR_ROOT/volume1" "$QUOR_ROOT/volume2"
+source "$here/../scripts/common.sh"
+quor_tools "${1:-}" "${2:-}"
+quor_device
 zpks="$QUOR_ROOT/zpk"
 mkdir -p "$zpks"
-
-run() {
-  echo "\$ quorpkg $*"
-  local status=0
-  "$QUORPKG" "$@" || status=$?
-  echo "[exit $status]"
-  echo
-}
-
-# Shows a file of the device as the command that reads it.
-show() {
-  echo "\$ cat ${1#"$QUOR_ROOT"}"
-  cat "$1" 2>/dev/null || echo "(no such file)"
-  echo
-}
 
 echo "== Services (device root: $QUOR_ROOT)"
 echo

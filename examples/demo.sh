@@ -7,30 +7,12 @@
 # DEVICE_DIR (default: a new temporary folder) becomes the device's root.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(dirname "$here")
-
-if [ ! -x "$top/build/quorpkg" ] || [ ! -x "$top/build/tools/zpk" ]; then
-  "$top/scripts/setup.sh"
-  cmake -S "$top" -B "$top/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUOR_BUILD_TESTS=OFF >/dev/null
-  cmake --build "$top/build" -j"$(nproc)" --target quorpkg zpk >/dev/null
-fi
-export QUORPKG="$top/build/quorpkg" ZPK="$top/build/tools/zpk"
-
-device=${1:-$(mktemp -d /tmp/quor-device.XXXXXX)}
-mkdir -p "$device/volume1" "$device/volume2"
-export QUOR_ROOT=$device
+source "$here/../scripts/common.sh"
+quor_tools
+quor_device "${1:-}"
+device=$QUOR_ROOT
 zpks="$device/zpk"
 mkdir -p "$zpks"
-
-# Shows a command as typed and everything it prints, then its exit status.
-run() {
-  echo "\$ quorpkg $*"
-  local status=0
-  "$QUORPKG" "$@" || status=$?
-  echo "[exit $status]"
-  echo
-}
-export -f run
 
 echo "== Device root: $device (volumes: volume1, volume2)"
 echo
