@@ -7,7 +7,7 @@
 namespace quor::e2e {
 namespace {
 
-using test::PackageSpec;
+using test::PackageSource;
 
 // A service that keeps its state in $QUOR_ROOT/<name>.running.
 std::string service(const std::string& name) {
@@ -16,17 +16,17 @@ std::string service(const std::string& name) {
            ";;\nstatus) [ -f " + flag + " ] && exit 0; exit 3;;\n*) exit 1;;\nesac\n";
 }
 
-PackageSpec demo(const std::string& version) {
-    PackageSpec spec;
-    spec.version = version;
-    spec.info = {{"description", "Demo app"},
-                 {"displayname", "Demo"},
-                 {"maintainer", "Quor"},
-                 {"manager_url", "http://demo.example/"},
-                 {"admin_port", "8080"}};
-    spec.files = {{"bin/demo", "demo " + version}};
-    spec.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", service("demo")}};
-    return spec;
+PackageSource demo(const std::string& version) {
+    PackageSource source;
+    source.version = version;
+    source.info = {{"description", "Demo app"},
+                   {"displayname", "Demo"},
+                   {"maintainer", "Quor"},
+                   {"manager_url", "http://demo.example/"},
+                   {"admin_port", "8080"}};
+    source.files = {{"bin/demo", "demo " + version}};
+    source.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", service("demo")}};
+    return source;
 }
 
 TEST(E2eInstall, QueryInstallUpgradeVersionLogAndUninstall) {
@@ -39,21 +39,16 @@ TEST(E2eInstall, QueryInstallUpgradeVersionLogAndUninstall) {
               "Package admin_port: 8080\n");
 
     test::writeText(device.root().host("/etc/quorpkg/settings"), "default_volume=\"volume2\"\n");
-    RunResult installed = device.quorpkg({"install", "./" + one});
-    EXPECT_EQ(installed.out, "./" + one + " install successfully\n");
-    EXPECT_EQ(installed.status, 0);
+    device.expect({"install", "./" + one}, "./" + one + " install successfully\n", 0);
     EXPECT_EQ(readFile(device.root().host("/volume2/@appstore/demo/bin/demo")), "demo 1.2-0003");
     // Started and turned on.
     EXPECT_TRUE(fs::exists(device.root().host("/demo.running")));
     EXPECT_TRUE(fs::exists(device.root().host("/var/packages/demo/enabled")));
 
-    RunResult version = device.quorpkg({"version", "demo"});
-    EXPECT_EQ(version.out, "1.2-0003\n");
-    EXPECT_EQ(version.status, 0);
-    RunResult log = device.quorpkg({"log", "demo", "extra"});
-    EXPECT_EQ(log.out, "The log file is " +
-                           device.root().host("/var/log/packages/demo.log").string() + "\n");
-    EXPECT_EQ(log.status, 0);
+    device.expect({"version", "demo"}, "1.2-0003\n", 0);
+    device.expect(
+        {"log", "demo", "extra"},
+        "The log file is " + device.root().host("/var/log/packages/demo.log").string() + "\n", 0);
 
     // The same package again is an upgrade, in place on its volume.
     const std::string two = device.package(demo("1.10-0001"));
@@ -62,48 +57,36 @@ TEST(E2eInstall, QueryInstallUpgradeVersionLogAndUninstall) {
     EXPECT_EQ(readFile(device.root().host("/volume2/@appstore/demo/bin/demo")), "demo 1.10-0001");
     EXPECT_TRUE(fs::exists(device.root().host("/demo.running")));
 
-    RunResult removed = device.quorpkg({"uninstall", "demo"});
-    EXPECT_EQ(removed.out, "");
-    EXPECT_EQ(removed.status, 0);
+    device.expect({"uninstall", "demo"}, "", 0);
     EXPECT_FALSE(fs::exists(device.root().host("/demo.running")));
     EXPECT_FALSE(fs::exists(device.root().host("/volume2/@appstore/demo")));
-    RunResult gone = device.quorpkg({"version", "demo"});
-    EXPECT_EQ(gone.out, "");
-    EXPECT_EQ(gone.status, 1);
-    RunResult noLog = device.quorpkg({"log", "demo"});
-    EXPECT_EQ(noLog.out, "Failed to get log file 255\n");
-    EXPECT_EQ(noLog.status, 1);
+    device.expect({"version", "demo"}, "", 1);
+    device.expect({"log", "demo"}, "Failed to get log file 255\n", 1);
 }
 
 TEST(E2eInstall, FailuresPrintTheCodeAndChangeNothing) {
     Device device;
-    RunResult missing = device.quorpkg({"install", "missing.zpk"});
-    EXPECT_EQ(missing.out, "Failed to install package missing.zpk, error = [110]\n");
-    EXPECT_EQ(missing.status, 1);
-    RunResult query = device.quorpkg({"query", "missing.zpk", "more"});
-    EXPECT_EQ(query.out, "Failed to query package missing.zpk, 110\n");
-    EXPECT_EQ(query.status, 1);
+    device.expect({"install", "missing.zpk"},
+                  "Failed to install package missing.zpk, error = [110]\n", 1);
+    device.expect({"query", "missing.zpk", "more"}, "Failed to query package missing.zpk, 110\n",
+                  1);
 
-    PackageSpec needy;
+    PackageSource needy;
     needy.name = "needy";
     needy.info = {{"install_dep_packages", "base>=2"}};
     const std::string file = device.package(needy);
-    RunResult refused = device.quorpkg({"install", file});
-    EXPECT_EQ(refused.out, "Failed to install package " + file + ", error = [120]\n");
-    EXPECT_EQ(refused.status, 1);
+    device.expect({"install", file}, "Failed to install package " + file + ", error = [120]\n", 1);
     // The option word is taken as the file.
     EXPECT_EQ(device.quorpkg({"install", "--daemon-reload", file}).out,
               "Failed to install package --daemon-reload, error = [110]\n");
 
-    PackageSpec base;
+    PackageSource base;
     base.name = "base";
     base.version = "2.0";
     ASSERT_EQ(device.quorpkg({"install", device.package(base)}).status, 0);
     ASSERT_EQ(device.quorpkg({"install", file}).status, 0);
     // Still needed: nothing is removed.
-    RunResult blocked = device.quorpkg({"uninstall", "base"});
-    EXPECT_EQ(blocked.out, "");
-    EXPECT_EQ(blocked.status, 1);
+    device.expect({"uninstall", "base"}, "", 1);
     EXPECT_EQ(device.quorpkg({"uninstall", "needy", "ghost"}).status, 1);
     EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "base\nneedy\n");
     EXPECT_EQ(device.quorpkg({"uninstall", "base", "needy", "base"}).status, 0);
@@ -132,12 +115,12 @@ TEST(E2eInstall, AChangeKilledHalfwayIsFinishedByTheNextRun) {
 
 TEST(E2eInstall, AScriptMayChangeAnotherPackageUnderItsParentsLock) {
     Device device;
-    PackageSpec inner;
+    PackageSource inner;
     inner.name = "inner";
     const fs::path innerFile = device.packageDir() / device.package(inner);
     // The nested run neither waits for the lock its parent holds nor takes
     // the parent's half-made change for an unfinished one.
-    PackageSpec outer;
+    PackageSource outer;
     outer.name = "outer";
     outer.scripts = {{"preinst", "#!/bin/sh\n'" + std::string(QUORPKG_BINARY) + "' install '" +
                                      innerFile.string() + "'\n"}};

@@ -2,9 +2,7 @@
 // against a real HTTP server serving a folder indexed by the built zpk tool.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <optional>
-#include <thread>
 
 #include "base/file_util.h"
 #include "quorpkg/server/task_file.h"
@@ -14,11 +12,13 @@
 namespace quor::e2e {
 namespace {
 
-test::PackageSpec demo(const std::string& version) {
-    test::PackageSpec spec;
-    spec.version = version;
-    spec.info = {{"displayname", "Demo"}, {"description", "Demo app"}};
-    return spec;
+using test::waitForTask;
+
+test::PackageSource demo(const std::string& version) {
+    test::PackageSource source;
+    source.version = version;
+    source.info = {{"displayname", "Demo"}, {"description", "Demo app"}};
+    return source;
 }
 
 class E2eServer : public ::testing::Test {
@@ -46,44 +46,25 @@ protected:
             .value_or("(missing)");
     }
 
-    Task waitForTask(const std::string& name) const {
-        for (int i = 0; i < 3000; ++i) {
-            std::optional<Task> task = readTask(name);
-            if (task && task->finished()) return *task;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        ADD_FAILURE() << "the installation of " << name << " did not finish";
-        return {};
-    }
-
     Device device;
     fs::path repo = device.packageDir() / "repo";
     std::optional<test::HttpServer> server;
 };
 
 TEST_F(E2eServer, InstallFromServerThenCheckAndUpgrade) {
-    RunResult accepted = device.quorpkg({"install_from_server", "demo", "", "admin"});
-    EXPECT_EQ(accepted.out, "");
-    EXPECT_EQ(accepted.status, 0);
+    device.expect({"install_from_server", "demo", "", "admin"}, "", 0);
     EXPECT_EQ(waitForTask("demo").state, "done");
     EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "1.0\n");
-    RunResult again = device.quorpkg({"install_from_server", "demo"});
-    EXPECT_EQ(again.out, "Package 'demo' already installed\n");
-    EXPECT_EQ(again.status, 1);
-    RunResult unknown = device.quorpkg({"install_from_server", "ghost"});
-    EXPECT_EQ(unknown.out, "Failed to query package list from server\n");
-    EXPECT_EQ(unknown.status, 1);
+    device.expect({"install_from_server", "demo"}, "Package 'demo' already installed\n", 1);
+    device.expect({"install_from_server", "ghost"}, "Failed to query package list from server\n",
+                  1);
 
-    RunResult none = device.quorpkg({"checkupdateall"});
-    EXPECT_EQ(none.out, "[]\n");
-    EXPECT_EQ(none.status, 0);
+    device.expect({"checkupdateall"}, "[]\n", 0);
     // The cached catalog does not know 2.0 until a fresh check resets it.
     publish("2.0");
     EXPECT_EQ(device.quorpkg({"checkupdateall"}).out, "[]\n");
     EXPECT_EQ(device.quorpkg({"checkupdate", "demo"}).status, 1);
-    RunResult checked = device.quorpkg({"chkupgradepkg"});
-    EXPECT_EQ(checked.out, "");
-    EXPECT_EQ(checked.status, 0);
+    device.expect({"chkupgradepkg"}, "", 0);
     EXPECT_NE(hashFile().find("hash=\"temphash\""), std::string::npos);
     EXPECT_EQ(device.quorpkg({"checkupdateall", "enu", "admin"}).out,
               "[{\"beta\":false,\"id\":\"demo\",\"name\":\"Demo\",\"version\":\"2.0\"}]\n");
@@ -95,12 +76,10 @@ TEST_F(E2eServer, InstallFromServerThenCheckAndUpgrade) {
     server.reset();
     test::ClosedPort closed;
     useServer(closed.url());
-    RunResult failed = device.quorpkg({"chkupgradepkg", "enu"});
-    EXPECT_EQ(failed.out, "Fail to check upgrable packages in Quorvel package server\n");
-    EXPECT_EQ(failed.status, 1);
-    RunResult notUpgraded = device.quorpkg({"upgradeall", "false"});
-    EXPECT_EQ(notUpgraded.out, "Fail to upgrade all packages in Quorvel package server\n");
-    EXPECT_EQ(notUpgraded.status, 1);
+    device.expect({"chkupgradepkg", "enu"},
+                  "Fail to check upgrable packages in Quorvel package server\n", 1);
+    device.expect({"upgradeall", "false"},
+                  "Fail to upgrade all packages in Quorvel package server\n", 1);
     EXPECT_EQ(hashFile(), remembered);
     EXPECT_EQ(device.quorpkg({"checkupdateall"}).out, "[]\n");
 
@@ -109,9 +88,7 @@ TEST_F(E2eServer, InstallFromServerThenCheckAndUpgrade) {
     // Limit-only by default: nothing blocked, nothing upgraded.
     EXPECT_EQ(device.quorpkg({"upgradeall"}).status, 0);
     EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "1.0\n");
-    RunResult upgraded = device.quorpkg({"upgradeall", "false"});
-    EXPECT_EQ(upgraded.out, "");
-    EXPECT_EQ(upgraded.status, 0);
+    device.expect({"upgradeall", "false"}, "", 0);
     EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "2.0\n");
     EXPECT_NE(hashFile().find("hash=\"temphash\""), std::string::npos);
 }

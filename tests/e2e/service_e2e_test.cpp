@@ -9,12 +9,12 @@
 namespace quor::e2e {
 namespace {
 
-using test::PackageSpec;
+using test::PackageSource;
 
 // A service whose state is a file; start and stop also write a line into the
 // hardware-control request file, so that tests see them among the requests.
-PackageSpec service(const std::string& name, const std::string& more = "") {
-    PackageSpec pkg;
+PackageSource service(const std::string& name, const std::string& more = "") {
+    PackageSource pkg;
     pkg.name = name;
     pkg.version = "1.0";
     pkg.info = {{"displayname", "The " + name}};
@@ -35,13 +35,9 @@ TEST(E2eService, PauseAndResumeFollowTheEnabledFlag) {
     const fs::path flag = device.root().host("/var/packages/app/enabled");
     ASSERT_TRUE(fs::exists(flag));
 
-    RunResult paused = device.quorpkg({"pause", "app"});
-    EXPECT_EQ(paused.out, "");
-    EXPECT_EQ(paused.status, 0);
+    device.expect({"pause", "app"}, "", 0);
     EXPECT_TRUE(fs::exists(flag));
-    RunResult status = device.quorpkg({"status", "app"});
-    EXPECT_EQ(status.out, "app package is stopped\nStatus: [3]\n");
-    EXPECT_EQ(status.status, 3);
+    device.expect({"status", "app"}, "app package is stopped\nStatus: [3]\n", 3);
     EXPECT_EQ(device.quorpkg({"resume", "app"}).status, 0);
     EXPECT_EQ(device.quorpkg({"status", "app"}).out, "app package is started\n");
 
@@ -53,9 +49,7 @@ TEST(E2eService, PauseAndResumeFollowTheEnabledFlag) {
     EXPECT_EQ(device.quorpkg({"is_onoff", "app"}).out,
               "package app isn't turned on, status: [103]\n");
 
-    RunResult missing = device.quorpkg({"pause", "nothing"});
-    EXPECT_EQ(missing.out, "Fail to get package info of [nothing]\n");
-    EXPECT_EQ(missing.status, 1);
+    device.expect({"pause", "nothing"}, "Fail to get package info of [nothing]\n", 1);
 }
 
 TEST(E2eService, StartDependIsBracketedByHardwareRequests) {
@@ -77,7 +71,7 @@ TEST(E2eService, OnOffAllReportsTheFirstFailureAndNotificationsNameBlockedPackag
     Device device;
     for (const char* name : {"alpha", "beta"})
         ASSERT_EQ(device.quorpkg({"install", device.package(service(name))}).status, 0);
-    PackageSpec broken = service("gamma");
+    PackageSource broken = service("gamma");
     broken.scripts["start-stop-status"] = "#!/bin/sh\n[ \"$1\" = start ] && exit 9\nexit 3\n";
     ASSERT_EQ(device.quorpkg({"install", device.package(broken)}).status, 0);
     // A failed start at install leaves it turned off; turn it on by hand.
@@ -85,18 +79,15 @@ TEST(E2eService, OnOffAllReportsTheFirstFailureAndNotificationsNameBlockedPackag
 
     EXPECT_EQ(device.quorpkg({"onoffall", "off", "shutdown"}).out,
               "stop all packages successfully\n");
-    RunResult started = device.quorpkg({"onoffall", "start", "boot", "x"});
-    EXPECT_EQ(started.out, "Failed to start all packages 130\n");
-    EXPECT_EQ(started.status, 1);
+    device.expect({"onoffall", "start", "boot", "x"}, "Failed to start all packages 130\n", 1);
     EXPECT_EQ(device.quorpkg({"status", "beta"}).status, 0);
 
     test::writeText(device.root().host("/etc/quorpkg/firmware-limits"),
                     "beta >= 1.0\nalpha < 1.0\ngamma = 1.0\n");
-    RunResult notified = device.quorpkg({"notify_stopped_by_firmware", "extra"});
-    EXPECT_EQ(notified.out,
-              "quorpkg: cannot start beta (ver=1.0) in this firmware (status=1).\n"
-              "quorpkg: cannot start gamma (ver=1.0) in this firmware (status=1).\n");
-    EXPECT_EQ(notified.status, 0);
+    device.expect({"notify_stopped_by_firmware", "extra"},
+                  "quorpkg: cannot start beta (ver=1.0) in this firmware (status=1).\n"
+                  "quorpkg: cannot start gamma (ver=1.0) in this firmware (status=1).\n",
+                  0);
     std::string lines =
         readFile(device.root().host("/var/spool/quorpkg/notifications")).value_or("");
     EXPECT_NE(lines.find("\"package\":\"The beta\"}\n{"), std::string::npos) << lines;

@@ -1,6 +1,7 @@
 #include "tool_runner.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,11 +51,19 @@ RunResult Device::quorpkg(const std::vector<std::string>& args) const {
     return runProgram(QUORPKG_BINARY, args, files_.path());
 }
 
-std::string Device::package(const test::PackageSpec& spec) const {
-    const std::string name = spec.name + "-" + spec.version + ".zpk";
-    const fs::path source = files_.path() / ("src-" + spec.name + "-" + spec.version);
+void Device::expect(const std::vector<std::string>& args, const std::string& out,
+                    int status) const {
+    const RunResult result = quorpkg(args);
+    const std::string command = ::testing::PrintToString(args);
+    EXPECT_EQ(result.out, out) << command;
+    EXPECT_EQ(result.status, status) << command;
+}
+
+std::string Device::package(const test::PackageSource& pkg) const {
+    const std::string name = pkg.name + "-" + pkg.version + ".zpk";
+    const fs::path source = files_.path() / ("src-" + pkg.name + "-" + pkg.version);
     fs::remove_all(source);
-    test::writePackageSource(source, spec);
+    test::writePackageSource(source, pkg);
     RunResult built = runProgram(ZPK_BINARY, {"build", source.string(), "-o", name}, files_.path());
     if (built.status != 0) throw std::runtime_error("zpk build failed for " + name);
     fs::remove_all(source);

@@ -29,10 +29,12 @@ public:
 
     // quorpkg <args...>, run in the package-file folder.
     RunResult quorpkg(const std::vector<std::string>& args) const;
+    // Runs quorpkg <args...> and checks its exact output and exit status.
+    void expect(const std::vector<std::string>& args, const std::string& out, int status) const;
 
     // Builds <name>-<version>.zpk in the package-file folder with the zpk
     // tool and returns its file name (relative to that folder).
-    std::string package(const test::PackageSpec& spec) const;
+    std::string package(const test::PackageSource& pkg) const;
 
     const test::TempRoot& root() const { return root_; }
     const fs::path& packageDir() const { return files_.path(); }

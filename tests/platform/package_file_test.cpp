@@ -63,13 +63,13 @@ protected:
 };
 
 TEST_F(PackageFileTest, BuildThenQueryReadsManifestScriptsAndMembers) {
-    test::PackageSpec spec;
-    spec.name = "photo";
-    spec.version = "2.1-0005";
-    spec.info = {{"displayname", "Photo Station"}, {"install_dep_packages", "db>=1"}};
-    spec.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", "#!/bin/sh\n"}};
-    spec.conf = {{"privilege", "root"}, {"sub/resource", "x"}};
-    fs::path file = test::buildTestPackage(dir_.path(), spec);
+    test::PackageSource pkg;
+    pkg.name = "photo";
+    pkg.version = "2.1-0005";
+    pkg.info = {{"displayname", "Photo Station"}, {"install_dep_packages", "db>=1"}};
+    pkg.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", "#!/bin/sh\n"}};
+    pkg.conf = {{"privilege", "root"}, {"sub/resource", "x"}};
+    fs::path file = test::buildTestPackage(dir_.path(), pkg);
 
     PackageFileHead head;
     std::string error;
@@ -88,7 +88,7 @@ TEST_F(PackageFileTest, BuildThenQueryReadsManifestScriptsAndMembers) {
 
     // A source without INFO, with a bad manifest or without package/ is refused.
     fs::path source = dir_.path() / "src";
-    test::writePackageSource(source, spec);
+    test::writePackageSource(source, pkg);
     fs::remove(source / "INFO");
     EXPECT_EQ(buildPackage(source, dir_.path() / "x.zpk", PayloadCompression::kGzip), kBadManifest);
     test::writeText(source / "INFO", "package=\"bad name\"\nversion=\"1\"\n");
@@ -105,13 +105,13 @@ TEST_F(PackageFileTest, UnpacksGzipAndZstdPayloadsKeepingModesAndInnerLinks) {
         fs::path source = dir_.path() / "src";
         fs::remove_all(source);
         fs::remove_all(dir_.path() / "out");
-        test::PackageSpec spec;
-        spec.files = {{"bin/tool", "#!/bin/sh\necho tool\n"},
-                      {"etc/secret", "s"},
-                      {"share/caf\xc3\xa9.txt", "utf-8 name"}};
-        spec.scripts = {{"preinst", "#!/bin/sh\nexit 0\n"}};
-        spec.conf = {{"resource", "{}"}};
-        test::writePackageSource(source, spec);
+        test::PackageSource pkg;
+        pkg.files = {{"bin/tool", "#!/bin/sh\necho tool\n"},
+                     {"etc/secret", "s"},
+                     {"share/caf\xc3\xa9.txt", "utf-8 name"}};
+        pkg.scripts = {{"preinst", "#!/bin/sh\nexit 0\n"}};
+        pkg.conf = {{"resource", "{}"}};
+        test::writePackageSource(source, pkg);
         ::chmod((source / "package/etc/secret").c_str(), 0600);
         ::chmod((source / "package/etc").c_str(), 0750);
         ::chmod((source / "package/bin/tool").c_str(), 04755);  // set-id bits are dropped
@@ -147,12 +147,6 @@ TEST_F(PackageFileTest, UnpacksGzipAndZstdPayloadsKeepingModesAndInnerLinks) {
 
 TEST_F(PackageFileTest, RefusesUnsafeMembers) {
     std::string payload = test::tarBytes({test::fileEntry("f", "x")}, TarFilter::kGzip);
-    TarEntry hardLink = test::fileEntry("conf/h", "");
-    hardLink.hardlink = "INFO";
-    TarEntry device = test::fileEntry("conf/dev", "");
-    device.type = AE_IFCHR;
-    TarEntry fifo = test::fileEntry("conf/fifo", "");
-    fifo.type = AE_IFIFO;
     const std::vector<TarEntry> unsafe = {
         test::fileEntry("/etc/cron.d/evil", "x"),
         test::fileEntry("../evil", "x"),
@@ -161,9 +155,9 @@ TEST_F(PackageFileTest, RefusesUnsafeMembers) {
         test::fileEntry("conf/tab\tname", "x"),
         test::symlinkEntry("conf/link", "../../etc"),
         test::symlinkEntry("conf/inside", "privilege"),  // members are never links
-        hardLink,
-        device,
-        fifo,
+        test::hardlinkEntry("conf/h", "INFO"),
+        test::nodeEntry("conf/dev", AE_IFCHR),
+        test::nodeEntry("conf/fifo", AE_IFIFO),
     };
     for (const TarEntry& member : unsafe) {
         SCOPED_TRACE(member.name);
@@ -176,12 +170,6 @@ TEST_F(PackageFileTest, RefusesUnsafeMembers) {
 }
 
 TEST_F(PackageFileTest, RefusesUnsafePayloadEntriesBeforeWriting) {
-    TarEntry hardLink = test::fileEntry("b", "");
-    hardLink.hardlink = "a";
-    TarEntry device = test::fileEntry("dev/null", "");
-    device.type = AE_IFCHR;
-    TarEntry fifo = test::fileEntry("pipe", "");
-    fifo.type = AE_IFIFO;
     const std::vector<std::vector<TarEntry>> unsafe = {
         {test::fileEntry("/abs", "x")},
         {test::fileEntry("../up", "x")},
@@ -190,9 +178,9 @@ TEST_F(PackageFileTest, RefusesUnsafePayloadEntriesBeforeWriting) {
         {test::symlinkEntry("bin/l", "../../etc")},
         {test::symlinkEntry("l", "/etc/passwd")},
         {test::dirEntry("d"), test::symlinkEntry("l", "d/../..")},
-        {test::fileEntry("a", "x"), hardLink},
-        {device},
-        {fifo},
+        {test::fileEntry("a", "x"), test::hardlinkEntry("b", "a")},
+        {test::nodeEntry("dev/null", AE_IFCHR)},
+        {test::nodeEntry("pipe", AE_IFIFO)},
         // Written through an earlier link, the file would land outside.
         {test::dirEntry("sub"), test::symlinkEntry("sub/up", ".."),
          test::fileEntry("sub/up/x", "")},
@@ -261,11 +249,11 @@ TEST_F(PackageFileTest, RefusesUnreadableAndTruncatedFiles) {
     test::writeText(dir_.path() / "text.zpk", std::string(4096, 'x'));
     EXPECT_EQ(readPackageHead(dir_.path() / "text.zpk", head), kFileUnreadable);
 
-    test::PackageSpec spec;
+    test::PackageSource pkg;
     std::string noise;
     for (unsigned i = 0; noise.size() < 50000; i = i * 1103515245u + 12345u) noise += char(i >> 16);
-    spec.files = {{"data.bin", noise}};
-    fs::path good = test::buildTestPackage(dir_.path(), spec);
+    pkg.files = {{"data.bin", noise}};
+    fs::path good = test::buildTestPackage(dir_.path(), pkg);
     // The whole package file compressed is not a package file.
     test::writeText(dir_.path() / "gz.zpk",
                     test::tarBytes({test::fileEntry("INFO", *readFile(good))}, TarFilter::kGzip));

@@ -185,21 +185,21 @@ TEST(PackageManifest, PlatformFit) {
     Settings settings;
     settings.arch = "aarch64";
     settings.firmware_version = "7.1-0042";
-    Manifest m;
-    EXPECT_EQ(checkPlatformFit(m, settings), kOk);  // no arch, no firmware
-    m.arch = "noarch";
-    EXPECT_EQ(checkPlatformFit(m, settings), kOk);
-    m.arch = "aarch64";
-    EXPECT_EQ(checkPlatformFit(m, settings), kOk);
-    m.arch = "x86_64";
-    EXPECT_EQ(checkPlatformFit(m, settings), kWrongArch);
-    m.arch = "";
-    m.firmware = "7.1-0042";
-    EXPECT_EQ(checkPlatformFit(m, settings), kOk);
-    m.firmware = "7.1-0100";
-    EXPECT_EQ(checkPlatformFit(m, settings), kFirmwareTooOld);
-    m.firmware = "7.0";
-    EXPECT_EQ(checkPlatformFit(m, settings), kOk);
+    // arch, firmware, the fit.
+    const struct {
+        const char* arch;
+        const char* firmware;
+        int code;
+    } cases[] = {{"", "", kOk},         {"noarch", "", kOk},
+                 {"aarch64", "", kOk},  {"x86_64", "", kWrongArch},
+                 {"", "7.1-0042", kOk}, {"", "7.1-0100", kFirmwareTooOld},
+                 {"", "7.0", kOk}};
+    for (const auto& c : cases) {
+        Manifest m;
+        m.arch = c.arch;
+        m.firmware = c.firmware;
+        EXPECT_EQ(checkPlatformFit(m, settings), c.code) << c.arch << " " << c.firmware;
+    }
 }
 
 }  // namespace

@@ -28,13 +28,13 @@ Output run(const fs::path& dir, const std::string& command) {
 
 TEST(PackageZpk, BuildsAndShowsPackages) {
     test::TempDir dir;
-    test::PackageSpec spec;
-    spec.name = "tool";
-    spec.version = "3.0";
-    spec.info = {{"description", "A tool"}, {"admin_port", "5000"}, {"beta", "yes"}};
-    spec.scripts = {{"start-stop-status", "#!/bin/sh\n"}};
+    test::PackageSource pkg;
+    pkg.name = "tool";
+    pkg.version = "3.0";
+    pkg.info = {{"description", "A tool"}, {"admin_port", "5000"}, {"beta", "yes"}};
+    pkg.scripts = {{"start-stop-status", "#!/bin/sh\n"}};
     fs::path source = dir.path() / "src";
-    test::writePackageSource(source, spec);
+    test::writePackageSource(source, pkg);
     const std::string zpk = ZPK_BINARY;
     fs::path file = dir.path() / "tool.zpk";
 

@@ -11,15 +11,6 @@
 namespace quor::test {
 namespace {
 
-PackageSpec version(const std::string& name, const std::string& number,
-                    std::vector<std::pair<std::string, std::string>> info = {}) {
-    PackageSpec spec;
-    spec.name = name;
-    spec.version = number;
-    spec.info = std::move(info);
-    return spec;
-}
-
 class ServerCatalog : public ServerTest {
 protected:
     // The version a lookup finds, or "" with the code in lastResult().
@@ -36,11 +27,11 @@ protected:
 };
 
 TEST_F(ServerCatalog, HandsOutTheNewestEntryThisDeviceRunsWithItsLinkMadeAbsolute) {
-    const fs::path file = publish(version("app", "1.1", {{"displayname", "App"}}));
-    publish(version("app", "1.0"));
-    publish(version("app", "1.2~beta1", {{"beta", "yes"}}));
-    publish(version("alien", "1.0", {{"arch", "no-such-machine"}}));
-    publish(version("future", "1.0", {{"firmware", "99.0"}}));
+    const fs::path file = publish(packageSource("app", "1.1", {{"displayname", "App"}}));
+    publish(packageSource("app", "1.0"));
+    publish(packageSource("app", "1.2~beta1", {{"beta", "yes"}}));
+    publish(packageSource("alien", "1.0", {{"arch", "no-such-machine"}}));
+    publish(packageSource("future", "1.0", {{"firmware", "99.0"}}));
     serve();
 
     Json::Value entry;
@@ -63,7 +54,7 @@ TEST_F(ServerCatalog, HandsOutTheNewestEntryThisDeviceRunsWithItsLinkMadeAbsolut
 }
 
 TEST_F(ServerCatalog, ALanguageHasItsOwnCatalogWithTheCommonOneAsFallback) {
-    publish(version("app", "1.0", {{"displayname", "App"}}));
+    publish(packageSource("app", "1.0", {{"displayname", "App"}}));
     serve();
     std::string german = readFile(repo / "catalog.json").value();
     german.replace(german.find("\"App\""), 5, "\"Anwendung\"");
@@ -83,7 +74,7 @@ TEST_F(ServerCatalog, ALanguageHasItsOwnCatalogWithTheCommonOneAsFallback) {
 }
 
 TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAges) {
-    publish(version("app", "1.0"));
+    publish(packageSource("app", "1.0"));
     serve();
     EXPECT_EQ(lookup("app"), "1.0");
     const std::string hash = readFile(repo / "catalog.hash").value();
@@ -91,7 +82,7 @@ TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAge
               std::string::npos);
 
     // A new catalog behind the old hash is not fetched; a new hash is.
-    publish(version("app", "2.0"));
+    publish(packageSource("app", "2.0"));
     index();
     writeText(repo / "catalog.hash", hash);
     EXPECT_EQ(lookup("app"), "1.0");
@@ -99,13 +90,13 @@ TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAge
     EXPECT_EQ(lookup("app"), "2.0");
 
     // A cached lookup keeps the catalog until the hash is reset or it ages.
-    publish(version("app", "3.0"));
+    publish(packageSource("app", "3.0"));
     index();
     EXPECT_EQ(lookup("app", false), "2.0");
     const fs::path hashFile = layout::listDir() / "quorserver.hash.enu";
     ASSERT_GT(QLIBCFileSetKeyValue(hashFile.c_str(), "hash", "temphash", 0), 0);
     EXPECT_EQ(lookup("app", false), "3.0");
-    publish(version("app", "4.0"));
+    publish(packageSource("app", "4.0"));
     index();
     EXPECT_EQ(lookup("app", false), "3.0");
     setting("catalog_ttl=\"0\"");
@@ -126,11 +117,11 @@ TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAge
 }
 
 TEST_F(ServerCatalog, EveryServerCountsAndEachKeepsItsOwnCache) {
-    publish(version("app", "1.0"));
+    publish(packageSource("app", "1.0"));
     serve();
     TempDir otherRepo;
-    buildTestPackage(otherRepo.path(), version("app", "2.0"));
-    buildTestPackage(otherRepo.path(), version("tool", "1.0"));
+    buildTestPackage(otherRepo.path(), packageSource("app", "2.0"));
+    buildTestPackage(otherRepo.path(), packageSource("tool", "1.0"));
     index(otherRepo.path());
     HttpServer other(otherRepo.path());
     writeText(layout::sourcesFile(), "# the vendor first\nquorserver " + server->url() +

@@ -111,8 +111,8 @@ void ServerTest::SetUp() {
     ASSERT_TRUE(manager.init());
 }
 
-fs::path ServerTest::publish(const PackageSpec& spec) {
-    return buildTestPackage(repo, spec);
+fs::path ServerTest::publish(const PackageSource& source) {
+    return buildTestPackage(repo, source);
 }
 
 void ServerTest::index(const fs::path& dir) {
@@ -133,10 +133,10 @@ void ServerTest::setting(const std::string& line) const {
     writeText(layout::settingsFile(), text + line + "\n");
 }
 
-void ServerTest::installLocal(const PackageSpec& spec) {
+void ServerTest::installLocal(const PackageSource& source) {
     TempDir dir;
     InstallRequest request;
-    request.file = buildTestPackage(dir.path(), spec);
+    request.file = buildTestPackage(dir.path(), source);
     ASSERT_EQ(installPackage(request), kOk);
 }
 
@@ -164,7 +164,7 @@ Task ServerTest::installFromServer(const std::string& name, const std::string& v
     return accepted ? waitForTask(name) : Task{};
 }
 
-Task ServerTest::waitForTask(const std::string& name) const {
+Task waitForTask(const std::string& name) {
     for (int i = 0; i < kPolls; ++i) {
         std::optional<Task> task = readTask(name);
         if (task && task->finished()) return *task;

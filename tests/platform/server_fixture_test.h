@@ -50,12 +50,16 @@ private:
     int port_ = 0;
 };
 
+// Polls the task file until the task is done or failed (a bounded number of
+// polls; an unfinished task fails the test).
+Task waitForTask(const std::string& name);
+
 class ServerTest : public ::testing::Test {
 protected:
     void SetUp() override;
 
     // Builds the package into the served folder; returns the file.
-    fs::path publish(const PackageSpec& spec);
+    fs::path publish(const PackageSource& pkg);
     // Rewrites the catalog.json and catalog.hash of a folder (the served one).
     void index() { index(repo); }
     static void index(const fs::path& dir);
@@ -64,17 +68,13 @@ protected:
     void setting(const std::string& line) const;
 
     // Installs a package file straight into the store (as a local install).
-    void installLocal(const PackageSpec& spec);
+    void installLocal(const PackageSource& pkg);
     std::string installedVersion(const std::string& name) const;
 
     // What the tool does for install_from_server, then the background
     // installation's outcome. Fails the test when it is refused.
     Task installFromServer(const std::string& name, const std::string& volume = "",
                            bool beta = false);
-
-    // Polls the task file until the task is done or failed (a bounded
-    // number of polls; an unfinished task fails the test).
-    Task waitForTask(const std::string& name) const;
 
     // The names of the files in a volume's staging folder.
     std::vector<std::string> staged(const fs::path& volume) const;

@@ -26,13 +26,11 @@ const char* kService =
     "stop) rm -f \"$QUOR_PKG_VAR/running\";;\n"
     "status) [ -f \"$QUOR_PKG_VAR/running\" ] && exit 0; exit 3;;\nesac\n";
 
-PackageSpec package(const std::string& name, const std::string& deps = "") {
-    PackageSpec spec;
-    spec.name = name;
-    spec.info = {{"displayname", "The " + name}};
-    if (!deps.empty()) spec.info.emplace_back("install_dep_packages", deps);
-    spec.scripts = {{"start-stop-status", kService}};
-    return spec;
+PackageSource package(const std::string& name, const std::string& deps = "") {
+    PackageSource source = packageSource(name, "1.0-0001", {{"displayname", "The " + name}});
+    if (!deps.empty()) source.info.emplace_back("install_dep_packages", deps);
+    source.scripts = {{"start-stop-status", kService}};
+    return source;
 }
 
 using ServerInstall = ServerTest;

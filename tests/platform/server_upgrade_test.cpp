@@ -13,29 +13,20 @@ namespace {
 using QUORPackageTool::PackageInfo;
 using QUORPackageTool::PMSCheckUpgrade;
 
-PackageSpec version(const std::string& name, const std::string& number,
-                    std::vector<std::pair<std::string, std::string>> info = {}) {
-    PackageSpec spec;
-    spec.name = name;
-    spec.version = number;
-    spec.info = std::move(info);
-    return spec;
-}
-
 class ServerUpgrade : public ServerTest {
 protected:
     // app and lib 1.0 installed; the server offers 1.1 of both, app's marked
     // important and needing a helper package the device lacks.
     void SetUp() override {
         ServerTest::SetUp();
-        installLocal(version("app", "1.0"));
-        installLocal(version("lib", "1.0"));
+        installLocal(packageSource("app", "1.0"));
+        installLocal(packageSource("lib", "1.0"));
         writeText(layout::varDir("app") / "data", "kept");
-        publish(version(
+        publish(packageSource(
             "app", "1.1",
             {{"displayname", "App"}, {"important", "yes"}, {"install_dep_packages", "helper"}}));
-        publish(version("lib", "1.1"));
-        publish(version("helper", "1.0"));
+        publish(packageSource("lib", "1.1"));
+        publish(packageSource("helper", "1.0"));
         serve();
     }
 
@@ -48,10 +39,10 @@ protected:
 };
 
 TEST_F(ServerUpgrade, ListsWhatIsOfferedAndAnswersForOnePackage) {
-    installLocal(version("bee", "1.0~b1", {{"beta", "yes"}}));
-    publish(version("app", "1.2~rc1", {{"beta", "yes"}}));
-    publish(version("bee", "1.0~b2", {{"beta", "yes"}, {"displayname", "Bee"}}));
-    publish(version("lib", "1.2"));
+    installLocal(packageSource("bee", "1.0~b1", {{"beta", "yes"}}));
+    publish(packageSource("app", "1.2~rc1", {{"beta", "yes"}}));
+    publish(packageSource("bee", "1.0~b2", {{"beta", "yes"}, {"displayname", "Bee"}}));
+    publish(packageSource("lib", "1.2"));
     writeText(layout::firmwareLimitsFile(), "lib = 1.2\n");
     index();
 
@@ -73,9 +64,9 @@ TEST_F(ServerUpgrade, ListsWhatIsOfferedAndAnswersForOnePackage) {
     EXPECT_TRUE(QUORPackageServer::PMSCheckUpgrade(false, "app", "enu"));
     EXPECT_FALSE(QUORPackageServer::PMSCheckUpgrade(false, "helper", "enu"));
     EXPECT_EQ(lastResult(), kNoSuchPackage);
-    installLocal(version("helper", "1.0"));
+    installLocal(packageSource("helper", "1.0"));
     EXPECT_FALSE(QUORPackageServer::PMSCheckUpgrade(false, "helper", "enu"));
-    installLocal(version("local", "1.0"));
+    installLocal(packageSource("local", "1.0"));
     EXPECT_FALSE(QUORPackageServer::PMSCheckUpgrade(false, "local", "enu"));
     EXPECT_EQ(lastResult(), kNotOnServer);
     // Listing changes nothing.

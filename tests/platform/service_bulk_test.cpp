@@ -62,7 +62,7 @@ TEST_F(ServiceTest, OnOffAllStartsEnabledPackagesInOrderAndReportsTheFirstFailur
 }
 
 TEST_F(ServiceTest, ByServiceActsOnPackagesNeedingItAndTheirDependents) {
-    PackageSpec db = service("db-user");
+    PackageSource db = service("db-user");
     db.info.emplace_back("install_dep_services", "smb pgsql");
     install(db, true);
     install(service("report", {"db-user"}), true);

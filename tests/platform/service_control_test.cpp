@@ -14,7 +14,7 @@ using QUORPackageTool::PKG_INSTALLATION_TYPE_NONE;
 using Names = std::vector<std::string>;
 
 TEST_F(ServiceTest, TypesEightAndSixteenSetTheFlagAndTypeZeroLeavesIt) {
-    PackageSpec pkg = service("web");
+    PackageSource pkg = service("web");
     pkg.info.emplace_back("ui_dir", "ui");
     pkg.files["ui/index.html"] = "<p>hi</p>";
     install(pkg);

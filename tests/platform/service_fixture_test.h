@@ -26,7 +26,7 @@ protected:
 
     // Lays the package out as an install leaves it: manifest, scripts,
     // payload on volume1 behind the target link.
-    void install(const PackageSpec& pkg, bool enabled = false) {
+    void install(const PackageSource& pkg, bool enabled = false) {
         const fs::path source = root.path() / ".source" / pkg.name;
         writePackageSource(source, pkg);
         const fs::path dir = layout::packageDir(pkg.name);
@@ -44,9 +44,9 @@ protected:
 
     // A package whose service is a state file; every action is traced as
     // "<action> <name> [event] [param]".
-    PackageSpec service(const std::string& name, std::vector<std::string> requires_ = {},
-                        const std::string& startExtra = "") {
-        PackageSpec pkg;
+    PackageSource service(const std::string& name, std::vector<std::string> requires_ = {},
+                          const std::string& startExtra = "") {
+        PackageSource pkg;
         pkg.name = name;
         std::string deps;
         for (const std::string& r : requires_) deps += (deps.empty() ? "" : ":") + r;

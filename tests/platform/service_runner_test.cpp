@@ -20,7 +20,7 @@ bool alive(pid_t pid) {
 }
 
 TEST_F(ServiceTest, ScriptGetsCleanEnvironmentPackageFolderAndLogsItsOutput) {
-    PackageSpec pkg;
+    PackageSource pkg;
     pkg.name = "envy";
     pkg.scripts["postinst"] =
         "#!/bin/sh\n"
@@ -85,7 +85,7 @@ TEST_F(ServiceTest, ScriptGetsCleanEnvironmentPackageFolderAndLogsItsOutput) {
 }
 
 TEST_F(ServiceTest, ScriptFailuresMapToResultCodes) {
-    PackageSpec pkg;
+    PackageSource pkg;
     pkg.name = "fails";
     pkg.scripts["preinst"] = "#!/bin/sh\nexit 7\n";
     pkg.scripts["postinst"] = "no interpreter line\n";
@@ -105,7 +105,7 @@ TEST_F(ServiceTest, ScriptFailuresMapToResultCodes) {
 
 TEST_F(ServiceTest, ScriptPastItsLimitIsKilledWithEverythingItStarted) {
     setting("script_timeout=\"1\"");
-    PackageSpec pkg;
+    PackageSource pkg;
     pkg.name = "hangs";
     // The grandchild ignores TERM and hangs up; only the group kill ends it.
     pkg.scripts["start-stop-status"] =

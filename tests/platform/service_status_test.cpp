@@ -10,8 +10,8 @@ using QUORPackageTool::PackageManager;
 
 // A real daemon: start leaves a process behind with its pid in a file, and
 // status asks that process (a zombie counts as ended), not a file.
-PackageSpec daemon(const fs::path& trace) {
-    PackageSpec pkg;
+PackageSource daemon(const fs::path& trace) {
+    PackageSource pkg;
     pkg.name = "daemon";
     pkg.scripts["start-stop-status"] =
         "#!/bin/sh\n"
@@ -45,7 +45,7 @@ TEST_F(ServiceTest, StatusFollowsTheScriptTheActiveMarkAndTheStore) {
     EXPECT_EQ(packageStatus("daemon"), kStopped);
 
     // The script's own answer passes through, 150 means broken.
-    PackageSpec odd = service("odd");
+    PackageSource odd = service("odd");
     odd.scripts["start-stop-status"] = "#!/bin/sh\n[ \"$1\" = status ] && exit ${CODE:-5}\n";
     install(odd);
     EXPECT_EQ(packageStatus("odd"), 5);
@@ -53,7 +53,7 @@ TEST_F(ServiceTest, StatusFollowsTheScriptTheActiveMarkAndTheStore) {
     EXPECT_EQ(packageStatus("odd"), kBroken);
 
     // Without a script a package runs while it is marked active.
-    PackageSpec plain;
+    PackageSource plain;
     plain.name = "plain";
     install(plain);
     EXPECT_EQ(packageStatus("plain"), kStopped);

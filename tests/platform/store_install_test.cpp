@@ -44,11 +44,11 @@ protected:
         ASSERT_TRUE(manager.init());
     }
 
-    fs::path build(const PackageSpec& spec) { return buildTestPackage(files.path(), spec); }
+    fs::path build(const PackageSource& source) { return buildTestPackage(files.path(), source); }
 
-    int install(const PackageSpec& spec) {
+    int install(const PackageSource& source) {
         InstallRequest request;
-        request.file = build(spec);
+        request.file = build(source);
         return installPackage(request);
     }
 
@@ -74,12 +74,12 @@ protected:
 };
 
 TEST_F(StoreInstall, NewPackageLandsWholeWithScriptsConfVarAndWebEntry) {
-    PackageSpec spec;
-    spec.info = {{"ui_dir", "ui"}, {"description", "a demo"}};
-    spec.files = {{"bin/demo", "#!/bin/sh\necho demo\n"}, {"ui/index.html", "<p>demo</p>"}};
-    spec.conf = {{"demo.conf", "level=1\n"}};
-    spec.scripts = {{"preinst", tracer("preinst")}, {"postinst", tracer("postinst")}};
-    ASSERT_EQ(install(spec), kOk);
+    PackageSource source;
+    source.info = {{"ui_dir", "ui"}, {"description", "a demo"}};
+    source.files = {{"bin/demo", "#!/bin/sh\necho demo\n"}, {"ui/index.html", "<p>demo</p>"}};
+    source.conf = {{"demo.conf", "level=1\n"}};
+    source.scripts = {{"preinst", tracer("preinst")}, {"postinst", tracer("postinst")}};
+    ASSERT_EQ(install(source), kOk);
 
     EXPECT_EQ(installedVersion("demo"), "1.0-0001");
     EXPECT_EQ(readFile(layout::confDir("demo") / "demo.conf"), "level=1\n");
@@ -102,7 +102,7 @@ TEST_F(StoreInstall, NewPackageLandsWholeWithScriptsConfVarAndWebEntry) {
 }
 
 TEST_F(StoreInstall, ServiceIsTurnedOnAndStartedAndAFailedStartLeavesItOff) {
-    PackageSpec good;
+    PackageSource good;
     good.name = "good";
     good.scripts = {{"start-stop-status", service("good")}};
     ASSERT_EQ(install(good), kOk);
@@ -110,7 +110,7 @@ TEST_F(StoreInstall, ServiceIsTurnedOnAndStartedAndAFailedStartLeavesItOff) {
     EXPECT_TRUE(isMarkedActive("good"));
     EXPECT_TRUE(fs::exists(root.host("/good.running")));
 
-    PackageSpec bad;
+    PackageSource bad;
     bad.name = "bad";
     bad.scripts = {{"start-stop-status", service("bad", 1)}};
     EXPECT_EQ(install(bad), kOk);
@@ -121,7 +121,7 @@ TEST_F(StoreInstall, ServiceIsTurnedOnAndStartedAndAFailedStartLeavesItOff) {
 
 TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
     writeText(layout::settingsFile(), "default_volume=\"volume2\"\n");
-    PackageSpec v1;
+    PackageSource v1;
     v1.files = {{"bin/demo", "one"}, {"only-in-one", "x"}};
     v1.scripts = {{"start-stop-status", service("demo")}};
     ASSERT_EQ(install(v1), kOk);
@@ -131,7 +131,7 @@ TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
 
     // A later default does not move an installed package.
     writeText(layout::settingsFile(), "default_volume=\"volume1\"\n");
-    PackageSpec v2 = v1;
+    PackageSource v2 = v1;
     v2.version = "2.0-0001";
     v2.files = {{"bin/demo", "two"}};
     v2.scripts["preupgrade"] = tracer("preupgrade");
@@ -164,38 +164,38 @@ TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
 }
 
 TEST_F(StoreInstall, VolumeIsTheRequestedOneTheDefaultOrTheFirstOfTheRoomiest) {
-    PackageSpec spec;
-    spec.name = "first";
-    ASSERT_EQ(install(spec), kOk);
+    PackageSource source;
+    source.name = "first";
+    ASSERT_EQ(install(source), kOk);
     // Both volumes share one file system here: the first stands for both.
     EXPECT_EQ(installedVolume("first"), volume1);
 
     InstallRequest request;
-    spec.name = "second";
-    request.file = build(spec);
+    source.name = "second";
+    request.file = build(source);
     request.volume = volume2;
     ASSERT_EQ(installPackage(request), kOk);
     EXPECT_EQ(installedVolume("second"), volume2);
 
     request.volume = root.path() / "volume7";
-    spec.name = "third";
-    request.file = build(spec);
+    source.name = "third";
+    request.file = build(source);
     EXPECT_EQ(installPackage(request), kNoVolume);
 
     writeText(layout::settingsFile(), "default_volume=\"/volume9\"\n");
-    EXPECT_EQ(install(spec), kNoVolume);
+    EXPECT_EQ(install(source), kNoVolume);
     writeText(layout::settingsFile(), "default_volume=\"/volume2\"\n");
-    ASSERT_EQ(install(spec), kOk);
+    ASSERT_EQ(install(source), kOk);
     EXPECT_EQ(installedVolume("third"), volume2);
 
     TempRoot bare;
-    spec.name = "fourth";
-    EXPECT_EQ(install(spec), kNoVolume);
+    source.name = "fourth";
+    EXPECT_EQ(install(source), kNoVolume);
     EXPECT_FALSE(isInstalled("fourth"));
 }
 
 TEST_F(StoreInstall, RefusesWhatTheDeviceOrTheInstalledPackagesCannotTake) {
-    PackageSpec base;
+    PackageSource base;
     base.name = "base";
     base.info = {{"install_conflict_packages", "rival>=2"}};
     ASSERT_EQ(install(base), kOk);
@@ -203,11 +203,7 @@ TEST_F(StoreInstall, RefusesWhatTheDeviceOrTheInstalledPackagesCannotTake) {
     auto attempt = [&](const std::string& name,
                        std::vector<std::pair<std::string, std::string>> info,
                        const std::string& version = "1.0") {
-        PackageSpec spec;
-        spec.name = name;
-        spec.version = version;
-        spec.info = std::move(info);
-        return install(spec);
+        return install(packageSource(name, version, std::move(info)));
     };
     EXPECT_EQ(attempt("other", {{"arch", "no-such-machine"}}), kWrongArch);
     EXPECT_EQ(attempt("other", {{"firmware", "99.0"}}), kFirmwareTooOld);
@@ -222,7 +218,7 @@ TEST_F(StoreInstall, RefusesWhatTheDeviceOrTheInstalledPackagesCannotTake) {
 
     EXPECT_EQ(attempt("user", {{"install_dep_packages", "base>=1.0-0001:rival<2"}}), kOk);
     // A downgrade the installed dependent cannot live with.
-    PackageSpec old = base;
+    PackageSource old = base;
     old.version = "0.9";
     EXPECT_EQ(install(old), kHasDependents);
     EXPECT_EQ(installedVersion("base"), "1.0-0001");

@@ -116,12 +116,12 @@ protected:
     void SetUp() override { root.addVolume(1); }
 
     void add(const std::string& name, const std::string& needs = "") {
-        PackageSpec spec;
-        spec.name = name;
-        spec.info = {{"description", "about " + name}};
-        if (!needs.empty()) spec.info.emplace_back("install_dep_packages", needs);
+        PackageSource source;
+        source.name = name;
+        source.info = {{"description", "about " + name}};
+        if (!needs.empty()) source.info.emplace_back("install_dep_packages", needs);
         InstallRequest request;
-        request.file = buildTestPackage(files.path(), spec);
+        request.file = buildTestPackage(files.path(), source);
         ASSERT_EQ(installPackage(request), kOk) << name;
     }
 
@@ -180,11 +180,11 @@ TEST_F(StoreListing, ListsInByteOrderAndWorksWithoutInit) {
 }
 
 TEST_F(StoreListing, QueryReadsTheFileAndInitPreparesTheStore) {
-    PackageSpec spec;
-    spec.name = "query";
-    spec.info = {{"displayname", "Query Me"}, {"admin_port", "8080"}};
-    spec.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", "#!/bin/sh\n"}};
-    const fs::path file = buildTestPackage(files.path(), spec);
+    PackageSource source;
+    source.name = "query";
+    source.info = {{"displayname", "Query Me"}, {"admin_port", "8080"}};
+    source.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", "#!/bin/sh\n"}};
+    const fs::path file = buildTestPackage(files.path(), source);
     PackageInfo info;
     ASSERT_TRUE(PackageManager::queryPackageFileInfo(
         file.string(), info, QUORPackageTool::PKG_INSTALLATION_TYPE_NONE, nullptr));

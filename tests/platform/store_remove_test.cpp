@@ -30,15 +30,15 @@ protected:
     // A package with tracing removal scripts that needs `needs`.
     void add(const std::string& name, const std::string& needs = "",
              std::map<std::string, std::string> scripts = {}) {
-        PackageSpec spec;
-        spec.name = name;
-        if (!needs.empty()) spec.info = {{"install_dep_packages", needs}};
-        spec.info.emplace_back("ui_dir", "ui");
-        spec.files = {{"ui/index.html", name}};
-        spec.scripts = {{"preuninst", tracer("preuninst")}, {"postuninst", tracer("postuninst")}};
-        for (auto& [script, body] : scripts) spec.scripts[script] = body;
+        PackageSource source;
+        source.name = name;
+        if (!needs.empty()) source.info = {{"install_dep_packages", needs}};
+        source.info.emplace_back("ui_dir", "ui");
+        source.files = {{"ui/index.html", name}};
+        source.scripts = {{"preuninst", tracer("preuninst")}, {"postuninst", tracer("postuninst")}};
+        for (auto& [script, body] : scripts) source.scripts[script] = body;
         InstallRequest request;
-        request.file = buildTestPackage(files.path(), spec);
+        request.file = buildTestPackage(files.path(), source);
         ASSERT_EQ(installPackage(request), kOk) << name;
     }
 

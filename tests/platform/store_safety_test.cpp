@@ -71,7 +71,7 @@ protected:
         TempRoot root;
     };
 
-    fs::path build(const PackageSpec& spec) { return buildTestPackage(files.path(), spec); }
+    fs::path build(const PackageSource& source) { return buildTestPackage(files.path(), source); }
 
     // Kills `change` at each step and checks that the next change (here the
     // manager's init) finds the store as before the change, for the steps
@@ -105,13 +105,13 @@ const std::vector<std::string> kEarlySteps = {"install-stage", "install-staged"}
 const std::vector<std::string> kCommitSteps = {
     "install-commit", "install-payload", "install-package", "install-committed", "install-finish"};
 
-PackageSpec demo(const std::string& version, const std::string& content) {
-    PackageSpec spec;
-    spec.version = version;
-    spec.files = {{"bin/demo", content}, {"share/" + version, version}};
-    spec.conf = {{"demo.conf", version}};
-    spec.scripts = {{"postinst", "#!/bin/sh\n"}, {"postupgrade", "#!/bin/sh\n"}};
-    return spec;
+PackageSource demo(const std::string& version, const std::string& content) {
+    PackageSource source;
+    source.version = version;
+    source.files = {{"bin/demo", content}, {"share/" + version, version}};
+    source.conf = {{"demo.conf", version}};
+    source.scripts = {{"postinst", "#!/bin/sh\n"}, {"postupgrade", "#!/bin/sh\n"}};
+    return source;
 }
 
 TEST_F(StoreSafety, KilledInstallOrUpgradeLeavesTheOldOrTheNewPackageWhole) {
@@ -135,7 +135,7 @@ TEST_F(StoreSafety, KilledRemovalLeavesThePackageOrNothing) {
 }
 
 TEST_F(StoreSafety, KilledRollbackOfAFailedScriptStillEndsWithTheOldPackage) {
-    PackageSpec failing = demo("2.0", "two");
+    PackageSource failing = demo("2.0", "two");
     failing.scripts["postinst"] = failing.scripts["postupgrade"] = "#!/bin/sh\nexit 1\n";
     const fs::path one = build(demo("1.0", "one"));
     const fs::path two = build(failing);
@@ -188,15 +188,15 @@ TEST_F(StoreSafety, BadFilesAndFailingScriptsLeaveTheStoreAsItWas) {
     EXPECT_NE(install(files.path() / "cut.zpk"), kOk);
 
     for (const char* script : {"preupgrade", "postupgrade"}) {
-        PackageSpec spec = demo("3.0", "three");
-        spec.scripts[script] = "#!/bin/sh\nexit 3\n";
-        EXPECT_EQ(install(build(spec)), kScriptFailed) << script;
+        PackageSource source = demo("3.0", "three");
+        source.scripts[script] = "#!/bin/sh\nexit 3\n";
+        EXPECT_EQ(install(build(source)), kScriptFailed) << script;
     }
     for (const char* script : {"preinst", "postinst"}) {
-        PackageSpec spec = demo("1.0", "new");
-        spec.name = "fresh";
-        spec.scripts[script] = "#!/bin/sh\nexit 3\n";
-        EXPECT_EQ(install(build(spec)), kScriptFailed) << script;
+        PackageSource source = demo("1.0", "new");
+        source.name = "fresh";
+        source.scripts[script] = "#!/bin/sh\nexit 3\n";
+        EXPECT_EQ(install(build(source)), kScriptFailed) << script;
     }
     EXPECT_EQ(snapshot(device.root.path()), old);
 }
@@ -205,11 +205,12 @@ TEST_F(StoreSafety, TwoInstallsStartedAtOnceRunOneAfterTheOther) {
     Device device(nullptr);
     std::vector<fs::path> packages;
     for (const char* name : {"alpha", "beta"}) {
-        PackageSpec spec;
-        spec.name = name;
-        spec.scripts = {{"preinst", std::string("#!/bin/sh\necho begin >> \"$QUOR_ROOT/trace\"\n") +
-                                        "sleep 0.2\necho end >> \"$QUOR_ROOT/trace\"\n"}};
-        packages.push_back(build(spec));
+        PackageSource source;
+        source.name = name;
+        source.scripts = {
+            {"preinst", std::string("#!/bin/sh\necho begin >> \"$QUOR_ROOT/trace\"\n") +
+                            "sleep 0.2\necho end >> \"$QUOR_ROOT/trace\"\n"}};
+        packages.push_back(build(source));
     }
     std::vector<pid_t> children;
     for (const fs::path& file : packages) {
@@ -250,7 +251,7 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     ASSERT_EQ(byte, 1);
 
     EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder) + "\n");
-    EXPECT_EQ(install(build(PackageSpec{})), kLocked);
+    EXPECT_EQ(install(build(PackageSource{})), kLocked);
     EXPECT_EQ(removePackages({"demo"}), kLocked);
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
     ::setenv("QUOR_PKG_LOCK_HELD", "1", 1);
@@ -263,7 +264,7 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     int status = 0;
     ::waitpid(holder, &status, 0);
     ::close(held[0]);
-    EXPECT_EQ(install(build(PackageSpec{})), kOk);
+    EXPECT_EQ(install(build(PackageSource{})), kOk);
     EXPECT_EQ(readFile(layout::lockFile()), "");
 }
 

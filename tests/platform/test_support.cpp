@@ -82,29 +82,38 @@ void writeText(const fs::path& file, std::string_view content, mode_t mode) {
     check(::chmod(file.c_str(), mode) == 0, "chmod " + file.string());
 }
 
-void writePackageSource(const fs::path& dir, const PackageSpec& spec) {
-    std::string info = spec.rawInfo;
+PackageSource packageSource(std::string name, std::string version,
+                            std::vector<std::pair<std::string, std::string>> info) {
+    PackageSource pkg;
+    pkg.name = std::move(name);
+    pkg.version = std::move(version);
+    pkg.info = std::move(info);
+    return pkg;
+}
+
+void writePackageSource(const fs::path& dir, const PackageSource& pkg) {
+    std::string info = pkg.rawInfo;
     if (info.empty()) {
-        KeyValues pairs = {{"package", spec.name}, {"version", spec.version}};
-        pairs.insert(pairs.end(), spec.info.begin(), spec.info.end());
+        KeyValues pairs = {{"package", pkg.name}, {"version", pkg.version}};
+        pairs.insert(pairs.end(), pkg.info.begin(), pkg.info.end());
         info = formatKeyValues(pairs);
     }
     writeText(dir / "INFO", info);
     fs::create_directories(dir / "package");
-    for (const auto& [path, content] : spec.files) {
+    for (const auto& [path, content] : pkg.files) {
         bool executable = content.rfind("#!", 0) == 0;
         writeText(dir / "package" / path, content, executable ? 0755 : 0644);
     }
-    for (const auto& [script, body] : spec.scripts) writeText(dir / "scripts" / script, body, 0755);
-    for (const auto& [path, content] : spec.conf) writeText(dir / "conf" / path, content);
+    for (const auto& [script, body] : pkg.scripts) writeText(dir / "scripts" / script, body, 0755);
+    for (const auto& [path, content] : pkg.conf) writeText(dir / "conf" / path, content);
 }
 
-fs::path buildTestPackage(const fs::path& outDir, const PackageSpec& spec,
+fs::path buildTestPackage(const fs::path& outDir, const PackageSource& pkg,
                           PayloadCompression compression) {
-    fs::path source = outDir / ("src-" + spec.name + "-" + spec.version);
+    fs::path source = outDir / ("src-" + pkg.name + "-" + pkg.version);
     fs::remove_all(source);
-    writePackageSource(source, spec);
-    fs::path file = outDir / (spec.name + "-" + spec.version + ".zpk");
+    writePackageSource(source, pkg);
+    fs::path file = outDir / (pkg.name + "-" + pkg.version + ".zpk");
     std::string error;
     int code = buildPackage(source, file, compression, &error);
     check(code == 0, "buildPackage " + std::to_string(code) + ": " + error);
@@ -134,6 +143,18 @@ TarEntry symlinkEntry(std::string name, std::string target) {
     entry.type = AE_IFLNK;
     entry.perm = 0777;
     entry.symlink = std::move(target);
+    return entry;
+}
+
+TarEntry hardlinkEntry(std::string name, std::string target) {
+    TarEntry entry = fileEntry(std::move(name), "");
+    entry.hardlink = std::move(target);
+    return entry;
+}
+
+TarEntry nodeEntry(std::string name, unsigned type) {
+    TarEntry entry = fileEntry(std::move(name), "");
+    entry.type = type;
     return entry;
 }
 

@@ -61,7 +61,7 @@ void writeText(const fs::path& file, std::string_view content, mode_t mode = 064
 
 // What a test package holds. The INFO written is package, version, then
 // `info` in order; `rawInfo`, when set, replaces the whole INFO text.
-struct PackageSpec {
+struct PackageSource {
     std::string name = "demo";
     std::string version = "1.0-0001";
     std::vector<std::pair<std::string, std::string>> info;  // more manifest keys
@@ -71,12 +71,16 @@ struct PackageSpec {
     std::map<std::string, std::string> conf;     // path under conf/ -> content
 };
 
-// Writes a package source folder (INFO, package/, scripts/, conf/) into `dir`.
-void writePackageSource(const fs::path& dir, const PackageSpec& spec);
+// A package source with the given name, version and more manifest keys.
+PackageSource packageSource(std::string name, std::string version = "1.0-0001",
+                            std::vector<std::pair<std::string, std::string>> info = {});
 
-// Builds <outDir>/<name>-<version>.zpk from `spec` with buildPackage and
+// Writes a package source folder (INFO, package/, scripts/, conf/) into `dir`.
+void writePackageSource(const fs::path& dir, const PackageSource& pkg);
+
+// Builds <outDir>/<name>-<version>.zpk from `pkg` with buildPackage and
 // returns its path.
-fs::path buildTestPackage(const fs::path& outDir, const PackageSpec& spec,
+fs::path buildTestPackage(const fs::path& outDir, const PackageSource& pkg,
                           PayloadCompression compression = PayloadCompression::kGzip);
 
 // One entry of a hand-made tar archive. `type` is a libarchive AE_IF* value.
@@ -92,6 +96,9 @@ struct TarEntry {
 TarEntry fileEntry(std::string name, std::string data, mode_t perm = 0644);
 TarEntry dirEntry(std::string name, mode_t perm = 0755);
 TarEntry symlinkEntry(std::string name, std::string target);
+TarEntry hardlinkEntry(std::string name, std::string target);
+// A device or fifo node: `type` is AE_IFCHR, AE_IFBLK or AE_IFIFO.
+TarEntry nodeEntry(std::string name, unsigned type);
 
 enum class TarFilter { kNone, kGzip, kZstd };
 

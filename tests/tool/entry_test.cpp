@@ -1,7 +1,4 @@
 // The process entry: usage, init, command dispatch and the exception report.
-#include <cstring>
-
-#include "main/command_table.h"
 #include "tool_harness.h"
 
 namespace tooltest {
@@ -9,7 +6,6 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Every description starts at column 59.
 const std::string kUsageBody = R"(
 command:
   start <package>                                         Start a package.
@@ -66,20 +62,6 @@ TEST_F(EntryTest, NoCommandWordPrintsUsageWithBaseNameAndFailsWithoutInit) {
     }
 }
 
-TEST_F(EntryTest, UsageLinesAlignDescriptionsAtColumn59) {
-    const std::string text = usage("quorpkg");
-    std::size_t lines = 0;
-    for (std::size_t at = text.find("command:\n") + 9; text[at] != '\n'; ++lines) {
-        const std::size_t end = text.find('\n', at);
-        const std::string line = text.substr(at, end - at);
-        EXPECT_EQ(line.substr(0, 2), "  ");
-        EXPECT_NE(line[58], ' ') << line;
-        EXPECT_EQ(line[57], ' ') << line;
-        at = end + 1;
-    }
-    EXPECT_EQ(lines, 27u);
-}
-
 TEST_F(EntryTest, UnknownCommandWordPrintsUsageAndSucceedsAfterInit) {
     for (const char* word : {"bogus", "", "Install", "star", "start-"}) {
         fake::reset();
@@ -126,19 +108,6 @@ TEST_F(EntryTest, ExceptionsEndTheRunWithOneReportLine) {
         EXPECT_EQ(fake::platform().calls.back() == "m1.~PackageManager()", c.destroyed)
             << c.throwIn;
     }
-}
-
-TEST_F(EntryTest, CommandTableHoldsTheWordsInSearchOrder) {
-    std::vector<std::string> words;
-    const quorpkg::CommandRow* row = quorpkg::kCommandTable;
-    for (; row->name != nullptr; ++row) words.push_back(row->name);
-    EXPECT_EQ(row->handler, nullptr);
-    EXPECT_THAT(
-        words,
-        ElementsAre("install", "uninstall", "version", "list", "log", "query", "chkupgradepkg",
-                    "start", "stop", "restart", "status", "onoffall", "is_onoff", "checkupdateall",
-                    "checkupdate", "pause", "resume", "stop-depend", "start-depend", "upgradeall",
-                    "install_from_server", "sort_zpk_by_dep_order", "notify_stopped_by_firmware"));
 }
 
 // Each word reaches its own handler with the command word as argv[0]: with

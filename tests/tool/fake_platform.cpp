@@ -14,27 +14,53 @@
 namespace fake {
 namespace {
 
-std::string text(const char* value) {
+// How the record shows an argument: texts quoted, null pointers as null,
+// Raw words as given, an all-ones Selector as ~0.
+struct Raw {
+    std::string word;
+};
+struct Selector {
+    unsigned long long value;
+};
+std::string show(const Raw& raw) {
+    return raw.word;
+}
+std::string show(const char* value) {
     return value == nullptr ? "null" : "\"" + std::string(value) + "\"";
 }
-std::string text(const std::string& value) {
+std::string show(const std::string& value) {
     return "\"" + value + "\"";
 }
-std::string flag(bool value) {
+std::string show(bool value) {
     return value ? "true" : "false";
 }
-std::string selector(unsigned long long value) {
-    return value == ~0ULL ? "~0" : std::to_string(value);
+std::string show(Selector sel) {
+    return sel.value == ~0ULL ? "~0" : std::to_string(sel.value);
 }
-std::string texts(const std::vector<std::string>& values) {
+std::string show(int value) {
+    return std::to_string(value);
+}
+std::string show(unsigned long long value) {
+    return std::to_string(value);
+}
+std::string show(const std::vector<std::string>& values) {
     std::string out = "[";
-    for (std::size_t i = 0; i < values.size(); ++i) out += (i ? ", " : "") + text(values[i]);
+    for (std::size_t i = 0; i < values.size(); ++i) out += (i ? ", " : "") + show(values[i]);
     return out + "]";
 }
-std::string names(const std::vector<PackageInfo>& packages) {
-    std::vector<std::string> all;
-    for (const PackageInfo& p : packages) all.push_back(p.name);
-    return texts(all);
+std::string show(const std::vector<PackageInfo>* packages) {
+    if (packages == nullptr) return "null";
+    std::vector<std::string> names;
+    for (const PackageInfo& p : *packages) names.push_back(p.name);
+    return show(names);
+}
+
+// "operation(arg, arg, ...)".
+template <class... Args>
+std::string call(const std::string& operation, const Args&... args) {
+    std::string out;
+    ((out += (out.empty() ? "" : ", ") + show(args)), ...);
+    return operation + "(" + out + ")";
 }
 
 // Records one call and throws when the test scripted a failure there.
@@ -45,6 +71,13 @@ void record(const std::string& operation, const std::string& line) {
 
 bool answer(const std::string& operation) {
     return platform().failing.count(operation) == 0;
+}
+
+// Records a free function's call and gives its scripted answer.
+template <class... Args>
+bool ask(const std::string& operation, const Args&... args) {
+    record(operation, call(operation, args...));
+    return answer(operation);
 }
 
 std::string baseName(const std::string& path) {
@@ -75,6 +108,8 @@ PackageInfo package(const std::string& name, const std::string& version,
 }  // namespace fake
 
 using fake::platform;
+using fake::Raw;
+using fake::Selector;
 
 namespace QUORPackageTool {
 
@@ -88,13 +123,14 @@ struct PackageManager::State {
     std::string tag() const {
         return "m" + std::to_string(id) + (initialised ? "" : "(uninit)") + ".";
     }
-};
 
-namespace {
-std::string member(const PackageManager::State& state, const std::string& call) {
-    return state.tag() + call;
-}
-}  // namespace
+    // Records a member call, named by this manager, and gives its scripted answer.
+    template <class... Args>
+    bool ask(const std::string& operation, const Args&... args) const {
+        fake::record(operation, tag() + fake::call(operation, args...));
+        return fake::answer(operation);
+    }
+};
 
 PackageManager::PackageManager() : state_(std::make_unique<State>()) {
     state_->id = ++platform().managers;
@@ -106,20 +142,20 @@ PackageManager::~PackageManager() {
 }
 
 bool PackageManager::init() {
-    fake::record("init", member(*state_, "init()"));
-    state_->initialised = fake::answer("init");
+    state_->initialised = state_->ask("init");
     return state_->initialised;
 }
 
 int PackageManager::getResult() {
-    fake::record("getResult", member(*state_, "getResult()"));
+    state_->ask("getResult");
     return platform().result;
 }
 
 namespace {
-bool lookUp(const std::string& name, PackageInfo& out) {
-    const auto found = platform().installed.find(name);
-    if (found == platform().installed.end()) return false;
+bool lookUp(const std::map<std::string, PackageInfo>& all, const std::string& name,
+            PackageInfo& out) {
+    const auto found = all.find(name);
+    if (found == all.end()) return false;
     out = found->second;
     return true;
 }
@@ -127,198 +163,147 @@ bool lookUp(const std::string& name, PackageInfo& out) {
 
 bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& out, const char* volume,
                                     unsigned long long sel) {
-    fake::record("getPackageInfo",
-                 member(*state_, "getPackageInfo(" + fake::text(name) + ", info, " +
-                                     fake::text(volume) + ", " + fake::selector(sel) + ")"));
-    return lookUp(name, out);
+    state_->ask("getPackageInfo", name, Raw{"info"}, volume, Selector{sel});
+    return lookUp(platform().installed, name, out);
 }
 
 bool PackageManager::getInstallPackageInfo(const std::string& name, PackageInfo& out,
                                            const char* volume, unsigned long long sel) {
-    fake::record("getInstallPackageInfo", "PackageManager::getInstallPackageInfo(" +
-                                              fake::text(name) + ", info, " + fake::text(volume) +
-                                              ", " + fake::selector(sel) + ")");
-    return lookUp(name, out);
+    fake::record("getInstallPackageInfo", fake::call("PackageManager::getInstallPackageInfo", name,
+                                                     Raw{"info"}, volume, Selector{sel}));
+    return lookUp(platform().installed, name, out);
 }
 
 std::vector<std::string> PackageManager::enumPackages(const char* volume, unsigned long long sel) {
-    fake::record("enumPackages", member(*state_, "enumPackages(" + fake::text(volume) + ", " +
-                                                     fake::selector(sel) + ")"));
+    state_->ask("enumPackages", volume, Selector{sel});
     return platform().packageNames;
 }
 
 bool PackageManager::enumPackageInfo(std::vector<PackageInfo>& out, const char* volume,
                                      unsigned long long sel) {
-    fake::record("enumPackageInfo", member(*state_, "enumPackageInfo(list, " + fake::text(volume) +
-                                                        ", " + fake::selector(sel) + ")"));
+    const bool ok = state_->ask("enumPackageInfo", Raw{"list"}, volume, Selector{sel});
     out = platform().packageInfos;
-    return fake::answer("enumPackageInfo");
+    return ok;
 }
 
 bool PackageManager::getDependencyOrder(const char* name, std::vector<std::string>& out,
                                         bool recursive) {
-    fake::record("getDependencyOrder",
-                 member(*state_, "getDependencyOrder(" + fake::text(name) + ", names, " +
-                                     fake::flag(recursive) + ")"));
+    const bool ok = state_->ask("getDependencyOrder", name, Raw{"names"}, recursive);
     out = platform().dependencyOrder;
-    return fake::answer("getDependencyOrder");
+    return ok;
 }
 
 bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& out,
                                           PKG_INSTALLATION_TYPE type, const char* volume) {
-    fake::record("queryPackageFileInfo", "PackageManager::queryPackageFileInfo(" +
-                                             fake::text(path) + ", info, " + std::to_string(type) +
-                                             ", " + fake::text(volume) + ")");
-    const auto found = platform().packageFiles.find(path);
-    if (found == platform().packageFiles.end()) return false;
-    out = found->second;
-    return true;
+    fake::record("queryPackageFileInfo", fake::call("PackageManager::queryPackageFileInfo", path,
+                                                    Raw{"info"}, static_cast<int>(type), volume));
+    return lookUp(platform().packageFiles, path, out);
 }
 
 bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
                                          std::vector<std::string>& out) {
-    fake::record("topologicalSortPkgs",
-                 member(*state_, "topologicalSortPkgs(" +
-                                     (packages ? fake::names(*packages) : std::string("null")) +
-                                     ", " + fake::texts(out) + ")"));
-    if (!fake::answer("topologicalSortPkgs")) return false;
+    if (!state_->ask("topologicalSortPkgs", packages, out)) return false;
     out = platform().sortedNames;
     return true;
 }
 
 bool PackageManager::installZPK(const char* volume, std::string path, const std::string& user) {
-    fake::record("installZPK",
-                 member(*state_, "installZPK(" + fake::text(volume) + ", " + fake::text(path) +
-                                     ", " + fake::text(user) + ")"));
-    return fake::answer("installZPK");
+    return state_->ask("installZPK", volume, path, user);
 }
 
 bool PackageManager::uninstallPKGs(const std::vector<std::string>& names, bool runScripts) {
-    fake::record("uninstallPKGs", member(*state_, "uninstallPKGs(" + fake::texts(names) + ", " +
-                                                      fake::flag(runScripts) + ")"));
-    return fake::answer("uninstallPKGs");
+    return state_->ask("uninstallPKGs", names, runScripts);
 }
 
 bool PackageManager::serviceControl(PKG_INSTALLATION_TYPE type, const std::string& name, bool start,
                                     const char* event, const char* param,
                                     std::vector<std::string>* affected, bool withDependencies,
                                     bool runScripts) {
-    fake::record(
-        "serviceControl",
-        member(*state_, "serviceControl(" + std::to_string(type) + ", " + fake::text(name) + ", " +
-                            fake::flag(start) + ", " + fake::text(event) + ", " +
-                            fake::text(param) + ", " + (affected ? "list" : "null") + ", " +
-                            fake::flag(withDependencies) + ", " + fake::flag(runScripts) + ")"));
-    return fake::answer("serviceControl");
+    return state_->ask("serviceControl", static_cast<int>(type), name, start, event, param,
+                       Raw{affected ? "list" : "null"}, withDependencies, runScripts);
 }
 
 bool PackageManager::serviceControlRestart(const std::string& name) {
-    fake::record("serviceControlRestart",
-                 member(*state_, "serviceControlRestart(" + fake::text(name) + ")"));
-    return fake::answer("serviceControlRestart");
+    return state_->ask("serviceControlRestart", name);
 }
 
 bool PackageManager::serviceControlOnOffALL(bool start, bool enabledOnly, const char* event,
                                             const char* param) {
-    fake::record("serviceControlOnOffALL",
-                 member(*state_, "serviceControlOnOffALL(" + fake::flag(start) + ", " +
-                                     fake::flag(enabledOnly) + ", " + fake::text(event) + ", " +
-                                     fake::text(param) + ")"));
-    return fake::answer("serviceControlOnOffALL");
+    return state_->ask("serviceControlOnOffALL", start, enabledOnly, event, param);
 }
 
 bool PackageManager::serviceControlByService(const std::set<std::string>& services, bool start,
                                              bool includeDisabled) {
-    fake::record(
-        "serviceControlByService",
-        member(*state_,
-               "serviceControlByService(" +
-                   fake::texts(std::vector<std::string>(services.begin(), services.end())) + ", " +
-                   fake::flag(start) + ", " + fake::flag(includeDisabled) + ")"));
-    return fake::answer("serviceControlByService");
+    return state_->ask("serviceControlByService",
+                       std::vector<std::string>(services.begin(), services.end()), start,
+                       includeDisabled);
 }
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool checkScript,
                                       bool checkActive) {
-    fake::record("getServiceStatus", member(*state_, "getServiceStatus(" + fake::text(name) +
-                                                         ", running, " + fake::flag(checkScript) +
-                                                         ", " + fake::flag(checkActive) + ")"));
+    const bool ok = state_->ask("getServiceStatus", name, Raw{"running"}, checkScript, checkActive);
     running = platform().running;
-    return fake::answer("getServiceStatus");
+    return ok;
 }
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool checkScript) {
-    fake::record("getServiceStatus",
-                 member(*state_, "getServiceStatus(" + fake::text(name) + ", running, " +
-                                     fake::flag(checkScript) + ")"));
+    const bool ok = state_->ask("getServiceStatus", name, Raw{"running"}, checkScript);
     running = platform().running;
-    return fake::answer("getServiceStatus");
+    return ok;
 }
 
 bool PackageManager::isServiceEnabled(const char* name) {
-    fake::record("isServiceEnabled", member(*state_, "isServiceEnabled(" + fake::text(name) + ")"));
-    return fake::answer("isServiceEnabled");
+    return state_->ask("isServiceEnabled", name);
 }
 
 void PackageManager::setSkipUpgradeCheck(bool skip) {
-    fake::record("setSkipUpgradeCheck",
-                 member(*state_, "setSkipUpgradeCheck(" + fake::flag(skip) + ")"));
+    state_->ask("setSkipUpgradeCheck", skip);
 }
 
 std::string PackageManager::getPackageLog(const std::string& name) {
-    fake::record("getPackageLog", member(*state_, "getPackageLog(" + fake::text(name) + ")"));
+    state_->ask("getPackageLog", name);
     return platform().logPath;
 }
 
 bool PMSCheckUpgrade(bool fresh, const char* user, const char* lang,
                      std::vector<PackageInfo>* out) {
-    fake::record("PMSCheckUpgrade", "PMSCheckUpgrade(" + fake::flag(fresh) + ", " +
-                                        fake::text(user) + ", " + fake::text(lang) + ", " +
-                                        (out ? "list" : "null") + ")");
+    const bool ok = fake::ask("PMSCheckUpgrade", fresh, user, lang, Raw{out ? "list" : "null"});
     if (out != nullptr) *out = platform().upgrades;
-    return fake::answer("PMSCheckUpgrade");
+    return ok;
 }
 
 bool PMSCheckUpgrade(bool fresh, const char* user, const char* lang, std::vector<PackageInfo>* out,
                      bool upgradeAll, bool limitOnly) {
-    fake::record("PMSCheckUpgrade", "PMSCheckUpgrade(" + fake::flag(fresh) + ", " +
-                                        fake::text(user) + ", " + fake::text(lang) + ", " +
-                                        (out ? "list" : "null") + ", " + fake::flag(upgradeAll) +
-                                        ", " + fake::flag(limitOnly) + ")");
-    return fake::answer("PMSCheckUpgrade");
+    return fake::ask("PMSCheckUpgrade", fresh, user, lang, Raw{out ? "list" : "null"}, upgradeAll,
+                     limitOnly);
 }
 
 bool PMSGetTmpDir(unsigned long long size, std::string& out) {
-    fake::record("PMSGetTmpDir", "PMSGetTmpDir(" + std::to_string(size) + ", out)");
-    if (!fake::answer("PMSGetTmpDir")) return false;
+    if (!fake::ask("PMSGetTmpDir", size, Raw{"out"})) return false;
     out = platform().tmpDir;
     return true;
 }
 
 bool PMSGetPackageDefVol(std::string& out) {
-    fake::record("PMSGetPackageDefVol", "PMSGetPackageDefVol(out)");
-    if (!fake::answer("PMSGetPackageDefVol")) return false;
+    if (!fake::ask("PMSGetPackageDefVol", Raw{"out"})) return false;
     out = platform().defaultVolume;
     return true;
 }
 
 bool PMSGetListTmpDir(std::string& out) {
-    fake::record("PMSGetListTmpDir", "PMSGetListTmpDir(out)");
+    const bool ok = fake::ask("PMSGetListTmpDir", Raw{"out"});
     out = platform().listTmpDir;
-    return fake::answer("PMSGetListTmpDir");
+    return ok;
 }
 
 int PMSThirdPartyCheckLimit(const char* name, const char* version) {
-    fake::record("PMSThirdPartyCheckLimit",
-                 "PMSThirdPartyCheckLimit(" + fake::text(name) + ", " + fake::text(version) + ")");
+    fake::ask("PMSThirdPartyCheckLimit", name, version);
     const auto found = platform().limits.find(name ? name : "");
     return found == platform().limits.end() ? 0 : found->second;
 }
 
 bool NotifyStoppedByFirmware(const std::string& displayName) {
-    fake::record("NotifyStoppedByFirmware",
-                 "NotifyStoppedByFirmware(" + fake::text(displayName) + ")");
-    return fake::answer("NotifyStoppedByFirmware");
+    return fake::ask("NotifyStoppedByFirmware", displayName);
 }
 
 }  // namespace QUORPackageTool
@@ -326,18 +311,12 @@ bool NotifyStoppedByFirmware(const std::string& displayName) {
 namespace QUORPackageServer {
 
 bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
-    fake::record("QUORPackageServer::PMSCheckUpgrade",
-                 "QUORPackageServer::PMSCheckUpgrade(" + fake::flag(fresh) + ", " +
-                     fake::text(name) + ", " + fake::text(lang) + ")");
-    return fake::answer("QUORPackageServer::PMSCheckUpgrade");
+    return fake::ask("QUORPackageServer::PMSCheckUpgrade", fresh, name, lang);
 }
 
 bool GetPackageInfoFromServer(const std::string& name, Json::Value& entry, bool fresh,
                               const std::string& lang, bool beta) {
-    fake::record("GetPackageInfoFromServer", "GetPackageInfoFromServer(" + fake::text(name) +
-                                                 ", entry, " + fake::flag(fresh) + ", " +
-                                                 fake::text(lang) + ", " + fake::flag(beta) + ")");
-    if (!fake::answer("GetPackageInfoFromServer")) return false;
+    if (!fake::ask("GetPackageInfoFromServer", name, Raw{"entry"}, fresh, lang, beta)) return false;
     entry = platform().serverEntry;
     return true;
 }
@@ -346,29 +325,21 @@ bool BackgroundInstall(const char* user, const char* volume, const char* name,
                        const char* displayName, const char* version, bool noStart, const char* lang,
                        unsigned long long size, const char* link, const char* md5,
                        bool checkDependencies, bool beta) {
-    fake::record("BackgroundInstall",
-                 "BackgroundInstall(" + fake::text(user) + ", " + fake::text(volume) + ", " +
-                     fake::text(name) + ", " + fake::text(displayName) + ", " +
-                     fake::text(version) + ", " + fake::flag(noStart) + ", " + fake::text(lang) +
-                     ", " + std::to_string(size) + ", " + fake::text(link) + ", " +
-                     fake::text(md5) + ", " + fake::flag(checkDependencies) + ", " +
-                     fake::flag(beta) + ")");
-    return fake::answer("BackgroundInstall");
+    return fake::ask("BackgroundInstall", user, volume, name, displayName, version, noStart, lang,
+                     size, link, md5, checkDependencies, beta);
 }
 
 }  // namespace QUORPackageServer
 
 int QLIBCFileExist(const char* path) {
-    fake::record("QLIBCFileExist", "QLIBCFileExist(" + fake::text(path) + ")");
+    fake::ask("QLIBCFileExist", path);
     return platform().existingPaths.count(path ? path : "") != 0 ? 1 : 0;
 }
 
 // A real, simple key="value" rewrite, so that the hash reset can be checked
 // on real files; files named in unwritableFiles fail untouched.
 int QLIBCFileSetKeyValue(const char* file, const char* key, const char* value, int flags) {
-    fake::record("QLIBCFileSetKeyValue", "QLIBCFileSetKeyValue(" + fake::text(file) + ", " +
-                                             fake::text(key) + ", " + fake::text(value) + ", " +
-                                             std::to_string(flags) + ")");
+    fake::ask("QLIBCFileSetKeyValue", file, key, value, flags);
     if (platform().unwritableFiles.count(fake::baseName(file)) != 0) return -1;
     std::ifstream in(file);
     if (!in) return -1;
@@ -391,7 +362,7 @@ int QLIBCFileSetKeyValue(const char* file, const char* key, const char* value, i
 }
 
 int VolumePathParseEx(const char* text, VOLUME_PATH_INFO* info) {
-    fake::record("VolumePathParseEx", "VolumePathParseEx(" + fake::text(text) + ")");
+    fake::ask("VolumePathParseEx", text);
     if (platform().volumeParse < 0) return platform().volumeParse;
     std::snprintf(info->path, sizeof info->path, "%s", platform().volumePath.c_str());
     return platform().volumeParse;
@@ -407,10 +378,10 @@ int QUORHWExternalControl(int command, int length, const char* buffer) {
     }
     bool dirty = false;
     for (; i < length; ++i) dirty = dirty || buffer[i] != '\0';
-    fake::record("QUORHWExternalControl", "QUORHWExternalControl(" + std::to_string(command) +
-                                              ", " + std::to_string(length) + ", [" + bytes + "]" +
-                                              (dirty ? " dirty" : "") + ")");
-    return fake::answer("QUORHWExternalControl") ? 0 : -1;
+    return fake::ask("QUORHWExternalControl", command, length,
+                     fake::Raw{"[" + bytes + "]" + (dirty ? " dirty" : "")})
+               ? 0
+               : -1;
 }
 
 // The tool's objects are linked with --wrap for these, so that tests see the

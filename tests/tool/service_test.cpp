@@ -12,66 +12,21 @@ using ::testing::IsEmpty;
 
 using ServiceTest = ToolTest;
 
-struct Case {
-    std::vector<std::string> words;
-    std::set<std::string> failing;
-    int result;
-    std::string out;
-    int status;
-    std::vector<std::string> calls;
-};
-
-void expectCase(const Case& c) {
-    fake::reset();
-    fake::platform().failing = c.failing;
-    fake::platform().result = c.result;
-    const Outcome r = run(c.words);
-    const std::string label = ::testing::PrintToString(c.words);
-    EXPECT_EQ(r.out, c.out) << label;
-    EXPECT_EQ(r.status, c.status) << label;
-    EXPECT_EQ(commandCalls(), c.calls) << label;
-}
-
 TEST_F(ServiceTest, StartStopAndRestartMakeOneRequestAndReportIt) {
-    const Case cases[] = {
-        {{"start", "foo", "extra"},
-         {},
-         0,
-         "package foo start successfully\n",
-         0,
-         {"m1.serviceControl(8, \"foo\", true, null, null, null, true, true)"}},
-        {{"stop", "foo"},
-         {},
-         0,
-         "package foo stop successfully\n",
-         0,
-         {"m1.serviceControl(16, \"foo\", false, null, null, null, true, true)"}},
-        {{"start", "ghost"},
-         {"serviceControl"},
-         255,
-         "Failed to start package 255\n",
-         1,
-         {"m1.serviceControl(8, \"ghost\", true, null, null, null, true, true)", "m1.getResult()"}},
-        {{"stop", "foo"},
-         {"serviceControl"},
-         -3,
-         "Failed to stop package -3\n",
-         1,
-         {"m1.serviceControl(16, \"foo\", false, null, null, null, true, true)", "m1.getResult()"}},
-        {{"restart", "foo", "bar"},
-         {},
-         0,
-         "package foo restart successfully\n",
-         0,
-         {"m1.serviceControlRestart(\"foo\")"}},
-        {{"restart", "foo"},
-         {"serviceControlRestart"},
-         0,
-         "Failed to restart package 0\n",
-         1,
-         {"m1.serviceControlRestart(\"foo\")", "m1.getResult()"}},
-    };
-    for (const Case& c : cases) expectCase(c);
+    expectCase({"start", "foo", "extra"}, {}, 0, "package foo start successfully\n", 0,
+               {"m1.serviceControl(8, \"foo\", true, null, null, null, true, true)"});
+    expectCase({"stop", "foo"}, {}, 0, "package foo stop successfully\n", 0,
+               {"m1.serviceControl(16, \"foo\", false, null, null, null, true, true)"});
+    expectCase(
+        {"start", "ghost"}, {"serviceControl"}, 255, "Failed to start package 255\n", 1,
+        {"m1.serviceControl(8, \"ghost\", true, null, null, null, true, true)", "m1.getResult()"});
+    expectCase(
+        {"stop", "foo"}, {"serviceControl"}, -3, "Failed to stop package -3\n", 1,
+        {"m1.serviceControl(16, \"foo\", false, null, null, null, true, true)", "m1.getResult()"});
+    expectCase({"restart", "foo", "bar"}, {}, 0, "package foo restart successfully\n", 0,
+               {"m1.serviceControlRestart(\"foo\")"});
+    expectCase({"restart", "foo"}, {"serviceControlRestart"}, 0, "Failed to restart package 0\n", 1,
+               {"m1.serviceControlRestart(\"foo\")", "m1.getResult()"});
 }
 
 // Exit statuses: 0 running, 4 missing, 150 broken, 4 stopped-but-active,
@@ -97,12 +52,9 @@ TEST_F(ServiceTest, StatusCarriesItsAnswerInTheExitStatus) {
         {-2, "foo package is stopped\n", -2},
     };
     for (const auto& c : cases) {
-        expectCase({{"status", "foo"},
-                    {"getServiceStatus"},
-                    c.code,
-                    c.firstLine + "Status: [" + std::to_string(c.code) + "]\n",
-                    c.status,
-                    {query, "m1.getResult()"}});
+        expectCase({"status", "foo"}, {"getServiceStatus"}, c.code,
+                   c.firstLine + "Status: [" + std::to_string(c.code) + "]\n", c.status,
+                   {query, "m1.getResult()"});
     }
     // A running package: one line, and the code is never asked for, whatever
     // the query itself answered.
@@ -116,18 +68,11 @@ TEST_F(ServiceTest, StatusCarriesItsAnswerInTheExitStatus) {
 }
 
 TEST_F(ServiceTest, IsOnoffReportsTheEnabledState) {
-    expectCase({{"is_onoff", "foo", "x"},
-                {},
-                0,
-                "package foo is turned on\n",
-                0,
-                {"m1.isServiceEnabled(\"foo\")"}});
-    expectCase({{"is_onoff", "foo"},
-                {"isServiceEnabled"},
-                7,
-                "package foo isn't turned on, status: [7]\n",
-                1,
-                {"m1.isServiceEnabled(\"foo\")", "m1.getResult()"}});
+    expectCase({"is_onoff", "foo", "x"}, {}, 0, "package foo is turned on\n", 0,
+               {"m1.isServiceEnabled(\"foo\")"});
+    expectCase({"is_onoff", "foo"}, {"isServiceEnabled"}, 7,
+               "package foo isn't turned on, status: [7]\n", 1,
+               {"m1.isServiceEnabled(\"foo\")", "m1.getResult()"});
 }
 
 // The library may report another name than the one typed; the paths follow it.
@@ -236,23 +181,12 @@ TEST_F(ServiceTest, PauseAndResumeLogAnUnknownPackage) {
 TEST_F(ServiceTest, DependentServiceRequestIsBracketedByHardwareNotices) {
     const std::string before = "QUORHWExternalControl(22784, 128, [2])";
     const std::string after = "QUORHWExternalControl(22784, 128, [1])";
-    const Case cases[] = {
-        {{"start-depend", "pgsql"},
-         {},
-         0,
-         "",
-         0,
-         {before, "m1.serviceControlByService([\"pgsql\"], true, false)", after}},
-        {{"stop-depend", "pgsql", "x"},
-         {"serviceControlByService", "QUORHWExternalControl"},
-         0,
-         "",
-         0,
-         {before, "m1.serviceControlByService([\"pgsql\"], false, false)", after}},
-        {{"start-depend", "PGSQL"}, {}, 0, "Unknown pkg dependent service [PGSQL]\n", 1, {}},
-        {{"stop-depend", "mysql"}, {}, 0, "Unknown pkg dependent service [mysql]\n", 1, {}},
-    };
-    for (const Case& c : cases) expectCase(c);
+    expectCase({"start-depend", "pgsql"}, {}, 0, "", 0,
+               {before, "m1.serviceControlByService([\"pgsql\"], true, false)", after});
+    expectCase({"stop-depend", "pgsql", "x"}, {"serviceControlByService", "QUORHWExternalControl"},
+               0, "", 0, {before, "m1.serviceControlByService([\"pgsql\"], false, false)", after});
+    expectCase({"start-depend", "PGSQL"}, {}, 0, "Unknown pkg dependent service [PGSQL]\n", 1, {});
+    expectCase({"stop-depend", "mysql"}, {}, 0, "Unknown pkg dependent service [mysql]\n", 1, {});
 
     // A throwing request leaves the second notice unsent.
     fake::reset();
@@ -268,45 +202,19 @@ TEST_F(ServiceTest, OnoffallStartsOnlyOnStartAndPassesEventAndParam) {
     auto onOff = [](const std::string& args) {
         return std::vector<std::string>{"m1.serviceControlOnOffALL(" + args + ")"};
     };
-    const Case cases[] = {
-        {{"onoffall", "start"},
-         {},
-         0,
-         "start all packages successfully\n",
-         0,
-         onOff("true, true, null, null")},
-        {{"onoffall", "stop", "boot"},
-         {},
-         0,
-         "stop all packages successfully\n",
-         0,
-         onOff("false, true, \"boot\", null")},
-        {{"onoffall", "off"},
-         {},
-         0,
-         "stop all packages successfully\n",
-         0,
-         onOff("false, true, null, null")},
-        {{"onoffall", "Start", "", ""},
-         {},
-         0,
-         "stop all packages successfully\n",
-         0,
-         onOff("false, true, \"\", \"\"")},
-        {{"onoffall", "start", "boot", "x", "y"},
-         {},
-         0,
-         "start all packages successfully\n",
-         0,
-         onOff("true, true, \"boot\", \"x\"")},
-        {{"onoffall", "restart"},
-         {"serviceControlOnOffALL"},
-         9,
-         "Failed to stop all packages 9\n",
-         1,
-         {"m1.serviceControlOnOffALL(false, true, null, null)", "m1.getResult()"}},
-    };
-    for (const Case& c : cases) expectCase(c);
+    expectCase({"onoffall", "start"}, {}, 0, "start all packages successfully\n", 0,
+               onOff("true, true, null, null"));
+    expectCase({"onoffall", "stop", "boot"}, {}, 0, "stop all packages successfully\n", 0,
+               onOff("false, true, \"boot\", null"));
+    expectCase({"onoffall", "off"}, {}, 0, "stop all packages successfully\n", 0,
+               onOff("false, true, null, null"));
+    expectCase({"onoffall", "Start", "", ""}, {}, 0, "stop all packages successfully\n", 0,
+               onOff("false, true, \"\", \"\""));
+    expectCase({"onoffall", "start", "boot", "x", "y"}, {}, 0, "start all packages successfully\n",
+               0, onOff("true, true, \"boot\", \"x\""));
+    expectCase({"onoffall", "restart"}, {"serviceControlOnOffALL"}, 9,
+               "Failed to stop all packages 9\n", 1,
+               {"m1.serviceControlOnOffALL(false, true, null, null)", "m1.getResult()"});
 }
 
 // The command lists on a manager of its own that is never initialised.

@@ -80,4 +80,17 @@ std::vector<std::string> commandCalls() {
     return {calls.begin() + 2, calls.end() - 1};
 }
 
+void expectCase(const std::vector<std::string>& words, const std::set<std::string>& failing,
+                int result, const std::string& out, int status,
+                const std::vector<std::string>& calls) {
+    fake::reset();
+    fake::platform().failing = failing;
+    fake::platform().result = result;
+    const Outcome r = run(words);
+    const std::string label = ::testing::PrintToString(words);
+    EXPECT_EQ(r.out, out) << label;
+    EXPECT_EQ(r.status, status) << label;
+    EXPECT_EQ(commandCalls(), calls) << label;
+}
+
 }  // namespace tooltest

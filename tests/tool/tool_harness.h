@@ -30,6 +30,13 @@ Outcome run(std::vector<std::string> words);
 // and destruction around them are checked and left out.
 std::vector<std::string> commandCalls();
 
+// Runs `quorpkg <words>` after a reset with these operations failing and
+// getResult() answering `result`; checks the output, the exit status and the
+// command's calls.
+void expectCase(const std::vector<std::string>& words, const std::set<std::string>& failing,
+                int result, const std::string& out, int status,
+                const std::vector<std::string>& calls);
+
 // The first manager built in a test is the shared one.
 inline const std::string kShared = "m1.";
 
