@@ -1,6 +1,7 @@
 // The store survives bad input, failing scripts, processes killed at any
 // step of a change, and changes that run at the same time.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -266,6 +267,52 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     ::close(held[0]);
     EXPECT_EQ(install(build(PackageSource{})), kOk);
     EXPECT_EQ(readFile(layout::lockFile()), "");
+}
+
+// A small tmpfs mounted over a folder for the object's life.
+class SmallVolume {
+public:
+    SmallVolume(const fs::path& dir, const char* size) : dir_(dir) {
+        fs::create_directories(dir);
+        const std::string options = std::string("size=") + size;
+        mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
+    }
+    ~SmallVolume() {
+        if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+
+private:
+    fs::path dir_;
+    bool mounted_ = false;
+};
+
+TEST_F(StoreSafety, AFullVolumeRefusesTheChangeAndKeepsTheStore) {
+    TempRoot root;
+    SmallVolume volume(root.host("/volume1"), "1m");
+    if (!volume.mounted()) GTEST_SKIP() << "mounting a tmpfs needs privileges this run lacks";
+    QUORPackageTool::PackageManager manager;
+    ASSERT_TRUE(manager.init());
+    ASSERT_EQ(install(build(demo("1.0", "one"))), kOk);
+    writeText(layout::varDir("demo") / "data", "kept");
+    const Snapshot old = snapshot(root.path());
+
+    // Zeros pack small, so the package file fits and only the unpack fills
+    // the volume.
+    PackageSource big = demo("2.0", "two");
+    big.files["share/zeros"] = std::string(4 << 20, '\0');
+    const fs::path upgrade = build(big);
+    big.name = "other";
+    const fs::path fresh = build(big);
+    ASSERT_LT(fs::file_size(upgrade), 512u << 10);
+
+    EXPECT_EQ(install(upgrade), kNoSpace);
+    EXPECT_EQ(snapshot(root.path()), old);
+    EXPECT_EQ(install(fresh), kNoSpace);
+    EXPECT_EQ(snapshot(root.path()), old);
+    Manifest manifest;
+    ASSERT_EQ(readInstalledManifest("demo", manifest), kOk);
+    EXPECT_EQ(manifest.version, "1.0");
 }
 
 }  // namespace
