@@ -1,12 +1,12 @@
 #include "base/file_util.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
+#include <memory>
 
 namespace fs = std::filesystem;
 
@@ -24,13 +24,51 @@ UniqueFd::~UniqueFd() {
     if (fd_ >= 0) ::close(fd_);
 }
 
+// Plain reads into one string: an iostream costs more than the read itself
+// for the small files (manifests, journals) this mostly serves. Like a
+// stream, a read error ends the content where it happened.
 std::optional<std::string> readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (in.bad()) return std::nullopt;
-    return std::move(content).str();
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return std::nullopt;
+    // Most files fit the first block; larger ones double the room.
+    std::string content(4096, '\0');
+    size_t have = 0;
+    for (;;) {
+        if (have == content.size()) content.resize(content.size() * 2);
+        ssize_t n = ::read(fd.get(), content.data() + have, content.size() - have);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        have += static_cast<size_t>(n);
+    }
+    content.resize(have);
+    return content;
+}
+
+namespace {
+
+struct DirCloser {
+    void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
+}  // namespace
+
+// readdir's entry types spare a stat per entry; only links (followed, as a
+// path would be) and file systems that give no type need one.
+std::vector<std::string> entriesOfType(const fs::path& dir, mode_t type) {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, DirCloser> stream(::opendir(dir.c_str()));
+    if (!stream) return names;
+    while (const dirent* entry = ::readdir(stream.get())) {
+        const char* name = entry->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+        mode_t found = DTTOIF(entry->d_type);
+        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
+            struct stat st {};
+            found = ::fstatat(::dirfd(stream.get()), name, &st, 0) == 0 ? st.st_mode : 0;
+        }
+        if ((found & S_IFMT) == type) names.emplace_back(name);
+    }
+    return names;
 }
 
 static bool writeAll(int fd, std::string_view data) {

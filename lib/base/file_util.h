@@ -1,4 +1,5 @@
-// Small file helpers: whole-file reads and crash-safe writes.
+// Small file helpers: whole-file reads, directory listings and crash-safe
+// writes.
 #pragma once
 
 #include <sys/types.h>
@@ -7,11 +8,16 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quor {
 
 // The whole file, or nothing when it cannot be read.
 std::optional<std::string> readFile(const std::filesystem::path& path);
+
+// The names in `dir` of entries that are, or link to, a file of `type`
+// (S_IFDIR, S_IFREG), in directory order; none when `dir` cannot be read.
+std::vector<std::string> entriesOfType(const std::filesystem::path& dir, mode_t type);
 
 // Replaces `path` with `content` so that a crash leaves the old file or the
 // new one: written to a temporary name beside it, fsync'ed, renamed over the

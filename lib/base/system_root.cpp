@@ -7,13 +7,27 @@ namespace fs = std::filesystem;
 
 namespace quor {
 
-fs::path rootDir() {
-    const char* value = std::getenv("QUOR_ROOT");
-    if (value == nullptr || *value == '\0') return "/";
+static fs::path normalRoot(const char* value) {
     fs::path root = fs::absolute(value).lexically_normal();
     std::string text = root.string();
     while (text.size() > 1 && text.back() == '/') text.pop_back();
     return text;
+}
+
+fs::path rootDir() {
+    const char* value = std::getenv("QUOR_ROOT");
+    if (value == nullptr || *value == '\0') return "/";
+    // Normalising costs more than the file operations of a lookup, and an
+    // absolute value always normalises the same way: keep the last one per
+    // thread. A relative value depends on the working directory.
+    if (*value != '/') return normalRoot(value);
+    thread_local std::string lastValue;
+    thread_local fs::path lastRoot;
+    if (lastRoot.empty() || lastValue != value) {
+        lastRoot = normalRoot(value);
+        lastValue = value;
+    }
+    return lastRoot;
 }
 
 fs::path hostPath(std::string_view systemPath) {

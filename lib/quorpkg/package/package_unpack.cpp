@@ -11,8 +11,8 @@
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
-#include "quorpkg/package/md5.h"
 #include "quorpkg/package/entry_check.h"
+#include "quorpkg/package/md5_worker.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
 
@@ -114,21 +114,24 @@ private:
 };
 
 // The payload as a stream read from the outer archive's current member,
-// hashed on the way through.
+// hashed on the way through (on the worker's thread, while this one
+// decompresses, checks and writes).
 struct PayloadStream {
     archive* outer;
-    Md5 md5;
-    char buffer[64 * 1024];
+    Md5Worker md5;
 
     static la_ssize_t read(archive* inner, void* self, const void** block) {
         auto* stream = static_cast<PayloadStream*>(self);
-        la_ssize_t n = archive_read_data(stream->outer, stream->buffer, sizeof stream->buffer);
+        char* buffer = stream->md5.buffer();
+        la_ssize_t n = archive_read_data(stream->outer, buffer, Md5Worker::kBufferSize);
         if (n < 0) {
             archive_set_error(inner, EIO, "%s", archive_io::errorText(stream->outer).c_str());
             return -1;
         }
-        stream->md5.update(stream->buffer, static_cast<size_t>(n));
-        *block = stream->buffer;
+        // libarchive reads a block until its next call; the worker keeps
+        // kBuffers - 1 blocks back untouched.
+        stream->md5.submit(static_cast<size_t>(n));
+        *block = buffer;
         return n;
     }
 };

@@ -1,6 +1,5 @@
 #include "quorpkg/server/http_client.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <memory>
 
 #include "base/file_util.h"
+#include "quorpkg/server/curl_api.h"
 
 namespace quor {
 namespace {
@@ -19,42 +19,48 @@ constexpr long kStallSeconds = 30;
 constexpr long kMaxRedirects = 5;
 constexpr long kHttpRangeNotSatisfiable = 416;
 
+// The library; callers checked with `loaded` that it is there.
+const CurlApi& api() { return *curlApi(); }
+
 struct CurlDeleter {
-    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+    void operator()(CURL* curl) const { api().easy_cleanup(curl); }
 };
 using CurlHandle = std::unique_ptr<CURL, CurlDeleter>;
 
 struct UrlDeleter {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+    void operator()(CURLU* url) const { api().url_cleanup(url); }
 };
 
 struct CurlStringDeleter {
-    void operator()(char* text) const { curl_free(text); }
+    void operator()(char* text) const { api().free(text); }
 };
 
-void globalInit() {
-    static const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-    (void)initialised;
+// False, with the failure in `result`, when libcurl cannot be loaded.
+bool loaded(FetchResult& result) {
+    std::string why;
+    if (curlApi(&why)) return true;
+    result = {FetchStatus::kFailed, "no HTTP client: " + why};
+    result.noClient = true;
+    return false;
 }
 
 // A handle with the options every request shares. Redirects may only lead
 // to http(s): a web server must not point us at local files.
 CurlHandle newHandle(const std::string& url, char* errorBuffer) {
-    globalInit();
-    CurlHandle curl(curl_easy_init());
+    CurlHandle curl(api().easy_init());
     if (!curl) return curl;
     CURL* c = curl.get();
-    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
-    curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(c, CURLOPT_MAXREDIRS, kMaxRedirects);
-    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https,file");
-    curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(c, CURLOPT_USERAGENT, "quorpkg");
+    api().easy_setopt(c, CURLOPT_URL, url.c_str());
+    api().easy_setopt(c, CURLOPT_ERRORBUFFER, errorBuffer);
+    api().easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    api().easy_setopt(c, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    api().easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    api().easy_setopt(c, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    api().easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
+    api().easy_setopt(c, CURLOPT_MAXREDIRS, kMaxRedirects);
+    api().easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https,file");
+    api().easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    api().easy_setopt(c, CURLOPT_USERAGENT, "quorpkg");
     return curl;
 }
 
@@ -62,12 +68,12 @@ CurlHandle newHandle(const std::string& url, char* errorBuffer) {
 FetchResult outcome(CURL* curl, CURLcode code, const char* errorBuffer) {
     FetchResult result;
     long status = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    api().easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     if (code == CURLE_FILE_COULDNT_READ_FILE || status == 404 || status == 410) {
         result.status = FetchStatus::kNotFound;
         result.error = "not found";
     } else if (code != CURLE_OK) {
-        result.error = *errorBuffer ? errorBuffer : curl_easy_strerror(code);
+        result.error = *errorBuffer ? errorBuffer : api().easy_strerror(code);
         result.resumable = code != CURLE_WRITE_ERROR;
     } else if (status >= 400) {
         result.error = "HTTP status " + std::to_string(status);
@@ -111,7 +117,7 @@ size_t onFileData(char* data, size_t, size_t size, void* user) {
     if (!sink->started) {
         sink->started = true;
         long status = 0;
-        curl_easy_getinfo(sink->curl, CURLINFO_RESPONSE_CODE, &status);
+        api().easy_getinfo(sink->curl, CURLINFO_RESPONSE_CODE, &status);
         // An error page is not package data; a whole body after a range
         // request means the server does not resume.
         if (status >= 400) sink->errorBody = true;
@@ -147,12 +153,12 @@ FetchResult downloadOnce(const std::string& url, int fd, uint64_t maxBytes,
     off_t have = ::lseek(fd, 0, SEEK_END);
     if (have < 0) return {FetchStatus::kFailed, "cannot seek the download file"};
     FileSink sink{curl.get(), fd, static_cast<uint64_t>(have), maxBytes, &progress};
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onFileData);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &sink);
-    if (have > 0) curl_easy_setopt(curl.get(), CURLOPT_RESUME_FROM_LARGE, curl_off_t{have});
-    CURLcode code = curl_easy_perform(curl.get());
+    api().easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onFileData);
+    api().easy_setopt(curl.get(), CURLOPT_WRITEDATA, &sink);
+    if (have > 0) api().easy_setopt(curl.get(), CURLOPT_RESUME_FROM_LARGE, curl_off_t{have});
+    CURLcode code = api().easy_perform(curl.get());
     long status = 0;
-    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
+    api().easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
     rangeRefused = have > 0 && (status == kHttpRangeNotSatisfiable ||
                                 code == CURLE_BAD_DOWNLOAD_RESUME || code == CURLE_RANGE_ERROR);
     // An empty whole body after a range request still replaces the file.
@@ -169,13 +175,14 @@ FetchResult downloadOnce(const std::string& url, int fd, uint64_t maxBytes,
 
 FetchResult fetchText(const std::string& url, std::string& out, uint64_t maxBytes) {
     out.clear();
+    if (FetchResult missing; !loaded(missing)) return missing;
     char errorBuffer[CURL_ERROR_SIZE] = "";
     CurlHandle curl = newHandle(url, errorBuffer);
     if (!curl) return {FetchStatus::kFailed, "cannot create a transfer"};
     TextSink sink{&out, maxBytes};
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onText);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &sink);
-    CURLcode code = curl_easy_perform(curl.get());
+    api().easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onText);
+    api().easy_setopt(curl.get(), CURLOPT_WRITEDATA, &sink);
+    CURLcode code = api().easy_perform(curl.get());
     FetchResult result = outcome(curl.get(), code, errorBuffer);
     if (code == CURLE_WRITE_ERROR) result.error = "the answer is too long";
     if (!result.ok()) out.clear();
@@ -184,6 +191,7 @@ FetchResult fetchText(const std::string& url, std::string& out, uint64_t maxByte
 
 FetchResult downloadFile(const std::string& url, const std::filesystem::path& file,
                          uint64_t maxBytes, const ProgressFn& progress) {
+    if (FetchResult missing; !loaded(missing)) return missing;
     UniqueFd fd(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!fd) return {FetchStatus::kFailed, "cannot open " + file.string()};
     bool rangeRefused = false;
@@ -199,12 +207,13 @@ FetchResult downloadFile(const std::string& url, const std::filesystem::path& fi
 }
 
 std::string resolveUrl(const std::string& base, const std::string& link) {
-    std::unique_ptr<CURLU, UrlDeleter> url(curl_url());
-    if (!url || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), 0) != CURLUE_OK ||
-        curl_url_set(url.get(), CURLUPART_URL, link.c_str(), 0) != CURLUE_OK)
+    if (!curlApi()) return {};
+    std::unique_ptr<CURLU, UrlDeleter> url(api().url());
+    if (!url || api().url_set(url.get(), CURLUPART_URL, base.c_str(), 0) != CURLUE_OK ||
+        api().url_set(url.get(), CURLUPART_URL, link.c_str(), 0) != CURLUE_OK)
         return {};
     char* text = nullptr;
-    if (curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) return {};
+    if (api().url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) return {};
     std::unique_ptr<char, CurlStringDeleter> owned(text);
     return owned.get();
 }

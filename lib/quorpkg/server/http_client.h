@@ -1,6 +1,7 @@
 // Fetching from package servers through libcurl: http, https and file://
 // URLs, with a connect time-out, a stall time-out and no retries, so that a
-// dead server fails a request in bounded time.
+// dead server fails a request in bounded time. libcurl is loaded on first
+// use; without it every request fails with `noClient` set.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +21,7 @@ struct FetchResult {
     FetchStatus status = FetchStatus::kFailed;
     std::string error;       // what went wrong, for the logs
     bool resumable = false;  // a broken transfer: what arrived is good to continue
+    bool noClient = false;   // libcurl could not be loaded: no server is reachable
     bool ok() const { return status == FetchStatus::kOk; }
 };
 
@@ -38,7 +40,7 @@ FetchResult downloadFile(const std::string& url, const std::filesystem::path& fi
                          uint64_t maxBytes, const ProgressFn& progress);
 
 // `link` resolved against `base`, as a browser would; an absolute link stays
-// as it is. Empty when either is not a valid URL.
+// as it is. Empty when either is not a valid URL, or without libcurl.
 std::string resolveUrl(const std::string& base, const std::string& link);
 
 // The URL's scheme in lower case ("http", "file"), empty when it has none.

@@ -40,7 +40,8 @@ int fetchPackage(const PackageDownload& download, const fs::path& dir, const Pro
         FetchResult result = downloadFile(download.link, part, download.size, progress);
         if (!result.ok()) {
             if (!result.resumable) fs::remove(part, ec);
-            return failWith(kDownloadFailed, error, download.link + ": " + result.error);
+            return failWith(result.noClient ? kServerUnreachable : kDownloadFailed, error,
+                            download.link + ": " + result.error);
         }
     } else if (progress) {
         progress(have);

@@ -41,6 +41,11 @@ void syncParents(const ChangePaths& paths) {
 
 }  // namespace
 
+// One syncfs per file system instead of an fsync per unpacked file: the
+// staged trees only need to be on disk before the commit renames, not each
+// file as it is written, and a single flush lets the file system write them
+// in one go. It also writes other dirty data of those file systems; that is
+// the price of not fsync'ing hundreds of files one by one.
 void flushStaging(const ChangePaths& paths) {
     for (const fs::path& dir : {paths.packageNew, paths.appNew}) {
         UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -1,5 +1,7 @@
 #include "quorpkg/store/store.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <system_error>
 
@@ -14,14 +16,10 @@ namespace fs = std::filesystem;
 namespace quor {
 
 std::vector<std::string> installedPackages() {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(layout::packagesDir(), ec)) {
-        // Staging, backup and journal entries start with '.', which no
-        // package name does.
-        std::string name = entry.path().filename().string();
-        if (isValidPackageName(name) && entry.is_directory(ec)) names.push_back(std::move(name));
-    }
+    // Staging, backup and journal entries start with '.', which no package
+    // name does.
+    std::vector<std::string> names = entriesOfType(layout::packagesDir(), S_IFDIR);
+    std::erase_if(names, [](const std::string& name) { return !isValidPackageName(name); });
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -31,10 +29,12 @@ bool isInstalled(const std::string& name) {
     return isValidPackageName(name) && fs::is_directory(layout::packageDir(name), ec);
 }
 
-int readInstalledManifest(const std::string& name, Manifest& out) {
-    if (!isInstalled(name)) return kNoSuchPackage;
-    std::optional<std::string> text = readFile(layout::manifestFile(name));
-    if (!text) return kBroken;
+// The manifest of the package in `dir`. It is read first: only a package
+// without a readable one needs the look whether it is installed at all.
+static int readManifestIn(const fs::path& dir, const std::string& name, Manifest& out) {
+    if (!isValidPackageName(name)) return kNoSuchPackage;
+    std::optional<std::string> text = readFile(dir / "INFO");
+    if (!text) return isInstalled(name) ? kBroken : kNoSuchPackage;
     Manifest manifest;
     // A manifest that names another package is as good as none.
     if (parseManifest(*text, manifest) != kOk || manifest.name != name) return kBroken;
@@ -42,20 +42,27 @@ int readInstalledManifest(const std::string& name, Manifest& out) {
     return kOk;
 }
 
-int installedScriptMask(const std::string& name) {
+int readInstalledManifest(const std::string& name, Manifest& out) {
+    return readManifestIn(layout::packageDir(name), name, out);
+}
+
+static int scriptMaskIn(const fs::path& scriptsDir) {
     int mask = 0;
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(layout::scriptsDir(name), ec))
-        if (entry.is_regular_file(ec)) mask |= scriptBit(entry.path().filename().string());
+    for (const std::string& script : entriesOfType(scriptsDir, S_IFREG)) mask |= scriptBit(script);
     return mask;
 }
 
+int installedScriptMask(const std::string& name) {
+    return scriptMaskIn(layout::scriptsDir(name));
+}
+
 int readInstalledInfo(const std::string& name, QUORPackageTool::PackageInfo& out) {
+    const fs::path dir = layout::packageDir(name);
     Manifest manifest;
-    int code = readInstalledManifest(name, manifest);
+    int code = readManifestIn(dir, name, manifest);
     if (code != kOk) return code;
     QUORPackageTool::PackageInfo info;
-    fillPackageInfo(manifest, installedScriptMask(name), info);
+    fillPackageInfo(manifest, scriptMaskIn(dir / "scripts"), info);
     out = std::move(info);
     return kOk;
 }
