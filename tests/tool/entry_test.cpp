@@ -1,4 +1,7 @@
 // The process entry: usage, init, command dispatch and the exception report.
+#include <tuple>
+#include <utility>
+
 #include "tool_harness.h"
 
 namespace tooltest {
@@ -45,18 +48,15 @@ std::string usage(const std::string& baseName) {
 using EntryTest = ToolTest;
 
 TEST_F(EntryTest, NoCommandWordPrintsUsageWithBaseNameAndFailsWithoutInit) {
-    const struct {
-        const char* invoked;
-        const char* baseName;
-    } cases[] = {{"/usr/local/bin/quorpkg", "quorpkg"},
-                 {"quorpkg", "quorpkg"},
-                 {"./tools/", ""},
-                 {"rel/pkgtool", "pkgtool"}};
-    for (const auto& c : cases) {
+    const std::pair<const char*, const char*> cases[] = {{"/usr/local/bin/quorpkg", "quorpkg"},
+                                                         {"quorpkg", "quorpkg"},
+                                                         {"./tools/", ""},
+                                                         {"rel/pkgtool", "pkgtool"}};
+    for (const auto& [invoked, baseName] : cases) {
         fake::reset();
-        const Outcome r = runArgv({c.invoked});
-        EXPECT_EQ(r.status, 1) << c.invoked;
-        EXPECT_EQ(r.out, usage(c.baseName)) << c.invoked;
+        const Outcome r = runArgv({invoked});
+        EXPECT_EQ(r.status, 1) << invoked;
+        EXPECT_EQ(r.out, usage(baseName)) << invoked;
         EXPECT_THAT(fake::platform().calls,
                     ElementsAre("m1.PackageManager()", "m1.~PackageManager()"));
     }
@@ -64,19 +64,13 @@ TEST_F(EntryTest, NoCommandWordPrintsUsageWithBaseNameAndFailsWithoutInit) {
 
 TEST_F(EntryTest, UnknownCommandWordPrintsUsageAndSucceedsAfterInit) {
     for (const char* word : {"bogus", "", "Install", "star", "start-"}) {
-        fake::reset();
-        const Outcome r = run({word, "foo"});
-        EXPECT_EQ(r.status, 0) << word;
-        EXPECT_EQ(r.out, usage("quorpkg")) << word;
-        EXPECT_TRUE(commandCalls().empty()) << word;
+        expectCase({word, "foo"}, {}, usage("quorpkg"), 0, {});
     }
 }
 
 TEST_F(EntryTest, InitFailureComesBeforeTheCommandWordIsLookedAt) {
     for (const char* word : {"start", "bogus"}) {
-        fake::reset();
-        fake::platform().failing = {"init"};
-        fake::platform().result = -17;
+        fake::platform() = {.failing = {"init"}, .result = -17};
         const Outcome r = run({word, "foo"});
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.out, "Failed to init package manager: -17\n");
@@ -87,77 +81,33 @@ TEST_F(EntryTest, InitFailureComesBeforeTheCommandWordIsLookedAt) {
 }
 
 TEST_F(EntryTest, ExceptionsEndTheRunWithOneReportLine) {
-    const struct {
-        const char* throwIn;
-        std::vector<std::string> words;
-        bool destroyed;
-    } cases[] = {
+    // Where it throws, what runs, and whether the shared manager was built.
+    const std::tuple<const char*, std::vector<std::string>, bool> cases[] = {
         {"PackageManager", {"start", "foo"}, false},
         {"init", {"start", "foo"}, true},
         {"getResult", {"restart", "foo"}, true},
         {"serviceControl", {"start", "foo"}, true},
     };
-    for (const auto& c : cases) {
-        fake::reset();
-        fake::platform().failing = {"serviceControlRestart"};
-        fake::platform().throwIn = c.throwIn;
-        fake::platform().throwWhat = "disk on fire";
-        const Outcome r = run(c.words);
-        EXPECT_EQ(r.status, 1) << c.throwIn;
-        EXPECT_EQ(r.out, "Failed to execute quorpkg, reason=[disk on fire]\n") << c.throwIn;
-        EXPECT_EQ(fake::platform().calls.back() == "m1.~PackageManager()", c.destroyed)
-            << c.throwIn;
+    for (const auto& [throwIn, words, destroyed] : cases) {
+        fake::platform() = {.failing = {"serviceControlRestart"}, .throwIn = throwIn};
+        const Outcome r = run(words);
+        EXPECT_EQ(r.status, 1) << throwIn;
+        EXPECT_EQ(r.out, "Failed to execute quorpkg, reason=[scripted failure]\n") << throwIn;
+        EXPECT_EQ(fake::platform().calls.back() == "m1.~PackageManager()", destroyed) << throwIn;
     }
 }
 
-// Each word reaches its own handler with the command word as argv[0]: with
-// no operand it either refuses or makes its own first request.
+// Each word reaches its own handler with the command word as argv[0], so
+// that with no operand, or an empty one, it refuses. The words that need no
+// operand (list, chkupgradepkg, checkupdateall, upgradeall,
+// notify_stopped_by_firmware) are run bare in their own tests.
 TEST_F(EntryTest, EveryCommandWordReachesItsHandler) {
-    const struct {
-        const char* word;
-        const char* firstCall;  // null: the handler refuses with "Bad parameter!"
-    } cases[] = {
-        {"install", nullptr},
-        {"uninstall", nullptr},
-        {"version", nullptr},
-        {"list", "m1.enumPackages(null, ~0)"},
-        {"log", nullptr},
-        {"query", nullptr},
-        {"chkupgradepkg", "PMSCheckUpgrade(true, null, \"\", null)"},
-        {"start", nullptr},
-        {"stop", nullptr},
-        {"restart", nullptr},
-        {"status", nullptr},
-        {"onoffall", nullptr},
-        {"is_onoff", nullptr},
-        {"checkupdateall", "PMSCheckUpgrade(false, null, \"enu\", list)"},
-        {"checkupdate", nullptr},
-        {"pause", nullptr},
-        {"resume", nullptr},
-        {"stop-depend", nullptr},
-        {"start-depend", nullptr},
-        {"upgradeall", "PMSCheckUpgrade(true, \"\", \"enu\", null, true, true)"},
-        {"install_from_server", nullptr},
-        {"sort_zpk_by_dep_order", nullptr},
-        {"notify_stopped_by_firmware", "m2.PackageManager()"},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::vector<std::string>> runs = {{c.word}};
-        if (c.firstCall == nullptr) runs.push_back({c.word, ""});
-        for (const std::vector<std::string>& words : runs) {
-            fake::reset();
-            fake::platform().failing = {"PMSCheckUpgrade"};
-            const Outcome r = run(words);
-            const std::vector<std::string> calls = commandCalls();
-            if (c.firstCall == nullptr) {
-                EXPECT_EQ(r.out, "Bad parameter!\n") << c.word;
-                EXPECT_EQ(r.status, 1) << c.word;
-                EXPECT_TRUE(calls.empty()) << c.word;
-            } else {
-                ASSERT_FALSE(calls.empty()) << c.word;
-                EXPECT_EQ(calls.front(), c.firstCall) << c.word;
-            }
-        }
+    for (const char* word :
+         {"install", "uninstall", "version", "log", "query", "start", "stop", "restart", "status",
+          "onoffall", "is_onoff", "checkupdate", "pause", "resume", "stop-depend", "start-depend",
+          "install_from_server", "sort_zpk_by_dep_order"}) {
+        expectCase({word}, {}, "Bad parameter!\n", 1, {});
+        expectCase({word, ""}, {}, "Bad parameter!\n", 1, {});
     }
 }
 

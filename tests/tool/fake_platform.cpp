@@ -1,10 +1,11 @@
 #include "fake_platform.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 #include "hw_control.h"
@@ -12,80 +13,6 @@
 #include "quor_core.h"
 
 namespace fake {
-namespace {
-
-// How the record shows an argument: texts quoted, null pointers as null,
-// Raw words as given, an all-ones Selector as ~0.
-struct Raw {
-    std::string word;
-};
-struct Selector {
-    unsigned long long value;
-};
-std::string show(const Raw& raw) {
-    return raw.word;
-}
-std::string show(const char* value) {
-    return value == nullptr ? "null" : "\"" + std::string(value) + "\"";
-}
-std::string show(const std::string& value) {
-    return "\"" + value + "\"";
-}
-std::string show(bool value) {
-    return value ? "true" : "false";
-}
-std::string show(Selector sel) {
-    return sel.value == ~0ULL ? "~0" : std::to_string(sel.value);
-}
-std::string show(int value) {
-    return std::to_string(value);
-}
-std::string show(unsigned long long value) {
-    return std::to_string(value);
-}
-std::string show(const std::vector<std::string>& values) {
-    std::string out = "[";
-    for (std::size_t i = 0; i < values.size(); ++i) out += (i ? ", " : "") + show(values[i]);
-    return out + "]";
-}
-std::string show(const std::vector<PackageInfo>* packages) {
-    if (packages == nullptr) return "null";
-    std::vector<std::string> names;
-    for (const PackageInfo& p : *packages) names.push_back(p.name);
-    return show(names);
-}
-
-// "operation(arg, arg, ...)".
-template <class... Args>
-std::string call(const std::string& operation, const Args&... args) {
-    std::string out;
-    ((out += (out.empty() ? "" : ", ") + show(args)), ...);
-    return operation + "(" + out + ")";
-}
-
-// Records one call and throws when the test scripted a failure there.
-void record(const std::string& operation, const std::string& line) {
-    platform().calls.push_back(line);
-    if (platform().throwIn == operation) throw std::runtime_error(platform().throwWhat);
-}
-
-bool answer(const std::string& operation) {
-    return platform().failing.count(operation) == 0;
-}
-
-// Records a free function's call and gives its scripted answer.
-template <class... Args>
-bool ask(const std::string& operation, const Args&... args) {
-    record(operation, call(operation, args...));
-    return answer(operation);
-}
-
-std::string baseName(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-}  // namespace
 
 Platform& platform() {
     static Platform state;
@@ -105,11 +32,72 @@ PackageInfo package(const std::string& name, const std::string& version,
     return info;
 }
 
+namespace {
+
+// How the record shows an argument: texts quoted, null pointers as null,
+// Raw words as given.
+struct Raw {
+    std::string word;
+};
+std::string show(const Raw& raw) {
+    return raw.word;
+}
+std::string show(const std::string& text) {
+    return "\"" + text + "\"";
+}
+std::string show(const char* text) {
+    return text == nullptr ? "null" : show(std::string(text));
+}
+std::string show(bool value) {
+    return value ? "true" : "false";
+}
+std::string show(int value) {
+    return std::to_string(value);
+}
+std::string show(unsigned long long value) {
+    return std::to_string(value);
+}
+std::string show(const std::vector<std::string>& values) {
+    std::string out;
+    for (const std::string& value : values) out += (out.empty() ? "" : ", ") + show(value);
+    return "[" + out + "]";
+}
+std::string show(const std::vector<PackageInfo>* packages) {
+    if (packages == nullptr) return "null";
+    std::vector<std::string> names;
+    for (const PackageInfo& p : *packages) names.push_back(p.name);
+    return show(names);
+}
+
+// An all-ones package selector shows as ~0.
+Raw selector(unsigned long long value) {
+    return {value == ~0ULL ? "~0" : std::to_string(value)};
+}
+
+// Records "<who>operation(arg, ...)", throws where the test scripted it and
+// answers whether the operation succeeds.
+template <class... Args>
+bool ask(const std::string& who, const std::string& operation, const Args&... args) {
+    std::string shown;
+    ((shown += (shown.empty() ? "" : ", ") + show(args)), ...);
+    platform().calls.push_back(who + operation + "(" + shown + ")");
+    if (platform().throwIn == operation) throw std::runtime_error("scripted failure");
+    return platform().failing.count(operation) == 0;
+}
+
+bool lookUp(const std::map<std::string, PackageInfo>& all, const std::string& key,
+            PackageInfo& out) {
+    const auto found = all.find(key);
+    if (found != all.end()) out = found->second;
+    return found != all.end();
+}
+
+}  // namespace
 }  // namespace fake
 
 using fake::platform;
 using fake::Raw;
-using fake::Selector;
+using fake::selector;
 
 namespace QUORPackageTool {
 
@@ -117,24 +105,18 @@ namespace QUORPackageTool {
 // platform (lib/quorpkg/api/package_info.cpp).
 
 struct PackageManager::State {
-    int id = 0;
+    int id = ++platform().managers;
     bool initialised = false;
 
-    std::string tag() const {
-        return "m" + std::to_string(id) + (initialised ? "" : "(uninit)") + ".";
-    }
-
-    // Records a member call, named by this manager, and gives its scripted answer.
+    std::string who() const { return "m" + std::to_string(id) + (initialised ? "." : "(uninit)."); }
     template <class... Args>
     bool ask(const std::string& operation, const Args&... args) const {
-        fake::record(operation, tag() + fake::call(operation, args...));
-        return fake::answer(operation);
+        return fake::ask(who(), operation, args...);
     }
 };
 
 PackageManager::PackageManager() : state_(std::make_unique<State>()) {
-    state_->id = ++platform().managers;
-    fake::record("PackageManager", "m" + std::to_string(state_->id) + ".PackageManager()");
+    fake::ask("m" + std::to_string(state_->id) + ".", "PackageManager");
 }
 
 PackageManager::~PackageManager() {
@@ -142,8 +124,7 @@ PackageManager::~PackageManager() {
 }
 
 bool PackageManager::init() {
-    state_->initialised = state_->ask("init");
-    return state_->initialised;
+    return state_->initialised = state_->ask("init");
 }
 
 int PackageManager::getResult() {
@@ -151,53 +132,41 @@ int PackageManager::getResult() {
     return platform().result;
 }
 
-namespace {
-bool lookUp(const std::map<std::string, PackageInfo>& all, const std::string& name,
-            PackageInfo& out) {
-    const auto found = all.find(name);
-    if (found == all.end()) return false;
-    out = found->second;
-    return true;
-}
-}  // namespace
-
 bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& out, const char* volume,
                                     unsigned long long sel) {
-    state_->ask("getPackageInfo", name, Raw{"info"}, volume, Selector{sel});
-    return lookUp(platform().installed, name, out);
+    state_->ask("getPackageInfo", name, Raw{"info"}, volume, selector(sel));
+    return fake::lookUp(platform().installed, name, out);
 }
 
 bool PackageManager::getInstallPackageInfo(const std::string& name, PackageInfo& out,
                                            const char* volume, unsigned long long sel) {
-    fake::record("getInstallPackageInfo", fake::call("PackageManager::getInstallPackageInfo", name,
-                                                     Raw{"info"}, volume, Selector{sel}));
-    return lookUp(platform().installed, name, out);
+    fake::ask("PackageManager::", "getInstallPackageInfo", name, Raw{"info"}, volume,
+              selector(sel));
+    return fake::lookUp(platform().installed, name, out);
 }
 
 std::vector<std::string> PackageManager::enumPackages(const char* volume, unsigned long long sel) {
-    state_->ask("enumPackages", volume, Selector{sel});
+    state_->ask("enumPackages", volume, selector(sel));
     return platform().packageNames;
 }
 
 bool PackageManager::enumPackageInfo(std::vector<PackageInfo>& out, const char* volume,
                                      unsigned long long sel) {
-    const bool ok = state_->ask("enumPackageInfo", Raw{"list"}, volume, Selector{sel});
     out = platform().packageInfos;
-    return ok;
+    return state_->ask("enumPackageInfo", Raw{"list"}, volume, selector(sel));
 }
 
 bool PackageManager::getDependencyOrder(const char* name, std::vector<std::string>& out,
                                         bool recursive) {
-    const bool ok = state_->ask("getDependencyOrder", name, Raw{"names"}, recursive);
     out = platform().dependencyOrder;
-    return ok;
+    return state_->ask("getDependencyOrder", name, Raw{"names"}, recursive);
 }
 
 bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& out,
                                           PKG_INSTALLATION_TYPE type, const char* volume) {
-    fake::record("queryPackageFileInfo", fake::call("PackageManager::queryPackageFileInfo", path,
-                                                    Raw{"info"}, static_cast<int>(type), volume));
-    return lookUp(platform().packageFiles, path, out);
+    fake::ask("PackageManager::", "queryPackageFileInfo", path, Raw{"info"}, static_cast<int>(type),
+              volume);
+    return fake::lookUp(platform().packageFiles, path, out);
 }
 
 bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
@@ -241,15 +210,13 @@ bool PackageManager::serviceControlByService(const std::set<std::string>& servic
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool checkScript,
                                       bool checkActive) {
-    const bool ok = state_->ask("getServiceStatus", name, Raw{"running"}, checkScript, checkActive);
     running = platform().running;
-    return ok;
+    return state_->ask("getServiceStatus", name, Raw{"running"}, checkScript, checkActive);
 }
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool checkScript) {
-    const bool ok = state_->ask("getServiceStatus", name, Raw{"running"}, checkScript);
     running = platform().running;
-    return ok;
+    return state_->ask("getServiceStatus", name, Raw{"running"}, checkScript);
 }
 
 bool PackageManager::isServiceEnabled(const char* name) {
@@ -267,43 +234,41 @@ std::string PackageManager::getPackageLog(const std::string& name) {
 
 bool PMSCheckUpgrade(bool fresh, const char* user, const char* lang,
                      std::vector<PackageInfo>* out) {
-    const bool ok = fake::ask("PMSCheckUpgrade", fresh, user, lang, Raw{out ? "list" : "null"});
     if (out != nullptr) *out = platform().upgrades;
-    return ok;
+    return fake::ask("", "PMSCheckUpgrade", fresh, user, lang, Raw{out ? "list" : "null"});
 }
 
 bool PMSCheckUpgrade(bool fresh, const char* user, const char* lang, std::vector<PackageInfo>* out,
                      bool upgradeAll, bool limitOnly) {
-    return fake::ask("PMSCheckUpgrade", fresh, user, lang, Raw{out ? "list" : "null"}, upgradeAll,
-                     limitOnly);
+    return fake::ask("", "PMSCheckUpgrade", fresh, user, lang, Raw{out ? "list" : "null"},
+                     upgradeAll, limitOnly);
 }
 
 bool PMSGetTmpDir(unsigned long long size, std::string& out) {
-    if (!fake::ask("PMSGetTmpDir", size, Raw{"out"})) return false;
+    if (!fake::ask("", "PMSGetTmpDir", size, Raw{"out"})) return false;
     out = platform().tmpDir;
     return true;
 }
 
 bool PMSGetPackageDefVol(std::string& out) {
-    if (!fake::ask("PMSGetPackageDefVol", Raw{"out"})) return false;
+    if (!fake::ask("", "PMSGetPackageDefVol", Raw{"out"})) return false;
     out = platform().defaultVolume;
     return true;
 }
 
 bool PMSGetListTmpDir(std::string& out) {
-    const bool ok = fake::ask("PMSGetListTmpDir", Raw{"out"});
     out = platform().listTmpDir;
-    return ok;
+    return fake::ask("", "PMSGetListTmpDir", Raw{"out"});
 }
 
 int PMSThirdPartyCheckLimit(const char* name, const char* version) {
-    fake::ask("PMSThirdPartyCheckLimit", name, version);
+    fake::ask("", "PMSThirdPartyCheckLimit", name, version);
     const auto found = platform().limits.find(name ? name : "");
     return found == platform().limits.end() ? 0 : found->second;
 }
 
 bool NotifyStoppedByFirmware(const std::string& displayName) {
-    return fake::ask("NotifyStoppedByFirmware", displayName);
+    return fake::ask("", "NotifyStoppedByFirmware", displayName);
 }
 
 }  // namespace QUORPackageTool
@@ -311,12 +276,14 @@ bool NotifyStoppedByFirmware(const std::string& displayName) {
 namespace QUORPackageServer {
 
 bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
-    return fake::ask("QUORPackageServer::PMSCheckUpgrade", fresh, name, lang);
+    return fake::ask("", "QUORPackageServer::PMSCheckUpgrade", fresh, name, lang);
 }
 
 bool GetPackageInfoFromServer(const std::string& name, Json::Value& entry, bool fresh,
                               const std::string& lang, bool beta) {
-    if (!fake::ask("GetPackageInfoFromServer", name, Raw{"entry"}, fresh, lang, beta)) return false;
+    if (!fake::ask("", "GetPackageInfoFromServer", name, Raw{"entry"}, fresh, lang, beta)) {
+        return false;
+    }
     entry = platform().serverEntry;
     return true;
 }
@@ -325,61 +292,56 @@ bool BackgroundInstall(const char* user, const char* volume, const char* name,
                        const char* displayName, const char* version, bool noStart, const char* lang,
                        unsigned long long size, const char* link, const char* md5,
                        bool checkDependencies, bool beta) {
-    return fake::ask("BackgroundInstall", user, volume, name, displayName, version, noStart, lang,
-                     size, link, md5, checkDependencies, beta);
+    return fake::ask("", "BackgroundInstall", user, volume, name, displayName, version, noStart,
+                     lang, size, link, md5, checkDependencies, beta);
 }
 
 }  // namespace QUORPackageServer
 
 int QLIBCFileExist(const char* path) {
-    fake::ask("QLIBCFileExist", path);
+    fake::ask("", "QLIBCFileExist", path);
     return platform().existingPaths.count(path ? path : "") != 0 ? 1 : 0;
 }
 
 // A real, simple key="value" rewrite, so that the hash reset can be checked
 // on real files; files named in unwritableFiles fail untouched.
 int QLIBCFileSetKeyValue(const char* file, const char* key, const char* value, int flags) {
-    fake::ask("QLIBCFileSetKeyValue", file, key, value, flags);
-    if (platform().unwritableFiles.count(fake::baseName(file)) != 0) return -1;
+    fake::ask("", "QLIBCFileSetKeyValue", file, key, value, flags);
     std::ifstream in(file);
-    if (!in) return -1;
-    std::ostringstream rewritten;
-    const std::string prefix = std::string(key) + "=";
-    const std::string line_value = prefix + "\"" + value + "\"";
+    if (!in || platform().unwritableFiles.count(std::filesystem::path(file).filename()) != 0) {
+        return -1;
+    }
+    const std::string prefix = std::string(key) + "=", set = prefix + "\"" + value + "\"\n";
+    std::string text;
     bool replaced = false;
     for (std::string line; std::getline(in, line);) {
-        if (line.rfind(prefix, 0) == 0) {
-            line = line_value;
-            replaced = true;
-        }
-        rewritten << line << '\n';
+        const bool match = line.rfind(prefix, 0) == 0;
+        text += match ? set : line + "\n";
+        replaced = replaced || match;
     }
-    if (!replaced) rewritten << line_value << '\n';
     in.close();
-    std::ofstream out(file, std::ios::trunc);
-    out << rewritten.str();
-    return out ? 1 : -1;
+    return std::ofstream(file, std::ios::trunc) << (replaced ? text : text + set) ? 1 : -1;
 }
 
 int VolumePathParseEx(const char* text, VOLUME_PATH_INFO* info) {
-    fake::ask("VolumePathParseEx", text);
-    if (platform().volumeParse < 0) return platform().volumeParse;
-    std::snprintf(info->path, sizeof info->path, "%s", platform().volumePath.c_str());
+    fake::ask("", "VolumePathParseEx", text);
+    if (platform().volumeParse >= 0) {
+        std::snprintf(info->path, sizeof info->path, "%s", platform().volumePath.c_str());
+    }
     return platform().volumeParse;
 }
 
 // Shows the buffer's text as byte values; the bytes after its terminator
 // must all be zero, else the line says so.
 int QUORHWExternalControl(int command, int length, const char* buffer) {
+    const std::size_t used = strnlen(buffer, length);
     std::string bytes;
-    int i = 0;
-    for (; i < length && buffer[i] != '\0'; ++i) {
-        bytes += (bytes.empty() ? "" : " ") + std::to_string(static_cast<unsigned char>(buffer[i]));
+    for (std::size_t i = 0; i < used; ++i) {
+        bytes += (i ? " " : "") + std::to_string(static_cast<unsigned char>(buffer[i]));
     }
-    bool dirty = false;
-    for (; i < length; ++i) dirty = dirty || buffer[i] != '\0';
-    return fake::ask("QUORHWExternalControl", command, length,
-                     fake::Raw{"[" + bytes + "]" + (dirty ? " dirty" : "")})
+    const bool dirty = std::any_of(buffer + used, buffer + length, [](char c) { return c != 0; });
+    return fake::ask("", "QUORHWExternalControl", command, length,
+                     Raw{"[" + bytes + "]" + (dirty ? " dirty" : "")})
                ? 0
                : -1;
 }

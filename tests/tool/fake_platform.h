@@ -22,43 +22,42 @@ namespace fake {
 
 using QUORPackageTool::PackageInfo;
 
+// Tests script it with designated initialisers; every member has an
+// initialiser so that the ones left out need no mention.
 struct Platform {
     // --- Scripted answers -------------------------------------------------
     // Names of bool operations that answer false (all others answer true).
-    std::set<std::string> failing;
-    // What getResult() answers.
-    int result = 0;
-    // Running flag that getServiceStatus writes.
-    bool running = false;
+    std::set<std::string> failing{};
+    int result = 0;        // what getResult() answers
+    bool running = false;  // what getServiceStatus writes
     // Installed packages by name (getPackageInfo, getInstallPackageInfo).
-    std::map<std::string, PackageInfo> installed;
+    std::map<std::string, PackageInfo> installed{};
     // Package files by path (queryPackageFileInfo).
-    std::map<std::string, PackageInfo> packageFiles;
-    std::vector<std::string> packageNames;     // enumPackages
-    std::vector<std::string> dependencyOrder;  // getDependencyOrder
-    std::vector<PackageInfo> packageInfos;     // enumPackageInfo
-    std::vector<std::string> sortedNames;      // topologicalSortPkgs
-    std::vector<PackageInfo> upgrades;         // the listing PMSCheckUpgrade
-    std::string logPath;                       // getPackageLog
-    Json::Value serverEntry;                   // GetPackageInfoFromServer
-    std::string defaultVolume;                 // PMSGetPackageDefVol
-    std::string tmpDir;                        // PMSGetTmpDir
-    std::string listTmpDir;                    // PMSGetListTmpDir (written even on failure)
-    int volumeParse = 0;                       // VolumePathParseEx result
-    std::string volumePath;                    // ... and the path it writes
-    std::set<std::string> existingPaths;       // QLIBCFileExist
-    std::map<std::string, int> limits;         // PMSThirdPartyCheckLimit by name, else 0
-    std::set<std::string> unwritableFiles;     // QLIBCFileSetKeyValue fails for these names
+    std::map<std::string, PackageInfo> packageFiles{};
+    std::vector<std::string> packageNames{};     // enumPackages
+    std::vector<std::string> dependencyOrder{};  // getDependencyOrder
+    std::vector<PackageInfo> packageInfos{};     // enumPackageInfo
+    std::vector<std::string> sortedNames{};      // topologicalSortPkgs
+    std::vector<PackageInfo> upgrades{};         // the listing PMSCheckUpgrade
+    std::string logPath{};                       // getPackageLog
+    Json::Value serverEntry{};                   // GetPackageInfoFromServer
+    std::string defaultVolume{};                 // PMSGetPackageDefVol
+    std::string tmpDir{};                        // PMSGetTmpDir
+    std::string listTmpDir{};                    // PMSGetListTmpDir (written even on failure)
+    int volumeParse = 0;                         // VolumePathParseEx result
+    std::string volumePath{};                    // ... and the path it writes
+    std::set<std::string> existingPaths{};       // QLIBCFileExist
+    std::map<std::string, int> limits{};         // PMSThirdPartyCheckLimit by name, else 0
+    std::set<std::string> unwritableFiles{};     // QLIBCFileSetKeyValue fails for these names
     int unlinkResult = 0;
-    // Operation (name as recorded) that throws std::runtime_error(throwWhat)
-    // right after it is recorded.
-    std::string throwIn;
-    std::string throwWhat = "scripted failure";
+    // Operation (name as recorded) that throws std::runtime_error("scripted
+    // failure") right after it is recorded.
+    std::string throwIn{};
 
     // --- What was asked ---------------------------------------------------
-    std::vector<std::string> calls;
-    std::vector<std::pair<int, std::string>> syslogLines;  // priority, text
-    std::vector<std::string> unlinked;
+    std::vector<std::string> calls{};
+    std::vector<std::pair<int, std::string>> syslogLines{};  // priority, text
+    std::vector<std::string> unlinked{};
     bool capturing = false;  // unlink is recorded only while the tool runs
     int managers = 0;
 };

@@ -1,46 +1,28 @@
 // install, query, install_from_server, uninstall and sort_zpk_by_dep_order.
 #include <climits>
+#include <tuple>
 
 #include "tool_harness.h"
 
 namespace tooltest {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
-
 using InstallTest = ToolTest;
 
+std::string fileQuery(const std::string& path) {
+    return "PackageManager::queryPackageFileInfo(\"" + path + "\", info, 0, null)";
+}
+
 TEST_F(InstallTest, InstallHandsTheFirstWordOverAsThePath) {
-    const struct {
-        std::vector<std::string> words;
-        bool ok;
-        std::string out;
-        std::string path;
-    } cases[] = {
-        {{"install", "./a.zpk", "b.zpk"}, true, "./a.zpk install successfully\n", "./a.zpk"},
-        {{"install", "./a.zpk"},
-         false,
-         "Failed to install package ./a.zpk, error = [5]\n",
-         "./a.zpk"},
-        // The advertised option is not parsed: it is taken as the path.
-        {{"install", "--daemon-reload", "a.zpk"},
-         true,
-         "--daemon-reload install successfully\n",
-         "--daemon-reload"},
-    };
-    for (const auto& c : cases) {
-        fake::reset();
-        if (!c.ok) fake::platform().failing = {"installZPK"};
-        fake::platform().result = 5;
-        const Outcome r = run(c.words);
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.status, c.ok ? 0 : 1);
-        std::vector<std::string> calls = {"m1.installZPK(null, \"" + c.path + "\", \"\")"};
-        if (!c.ok) calls.push_back("m1.getResult()");
-        EXPECT_EQ(commandCalls(), calls);
-    }
+    expectCase({"install", "./a.zpk", "b.zpk"}, {}, "./a.zpk install successfully\n", 0,
+               {"m1.installZPK(null, \"./a.zpk\", \"\")"});
+    expectCase({"install", "./a.zpk"}, {.failing = {"installZPK"}, .result = 5},
+               "Failed to install package ./a.zpk, error = [5]\n", 1,
+               {"m1.installZPK(null, \"./a.zpk\", \"\")", "m1.getResult()"});
+    // The advertised option is not parsed: it is taken as the path.
+    expectCase({"install", "--daemon-reload", "a.zpk"}, {},
+               "--daemon-reload install successfully\n", 0,
+               {"m1.installZPK(null, \"--daemon-reload\", \"\")"});
 }
 
 TEST_F(InstallTest, QueryPrintsEightLinesFromThePackageFile) {
@@ -48,58 +30,36 @@ TEST_F(InstallTest, QueryPrintsEightLinesFromThePackageFile) {
     info.displayname = "Foo App";
     info.maintainer = "Quorvel";
     info.manager_url = "http://foo.example/";
-    const struct {
-        int adminPort;
-        int scriptMask;
-        std::string tail;
-    } cases[] = {
+    const std::string head =
+        "Package name: foo\nPackage version: 1.2-0003\nPackage description: \n"
+        "Package displayname: Foo App\nPackage maintainer: Quorvel\n"
+        "Package manager URL: http://foo.example/\n";
+    // admin_port, script_mask, the last two lines.
+    const std::tuple<int, int, std::string> cases[] = {
         {0, 5, "Package script mask: 5\nPackage admin_port: none\n"},
         {-1, INT_MIN, "Package script mask: -2147483648\nPackage admin_port: none\n"},
         {1, 0, "Package script mask: 0\nPackage admin_port: 1\n"},
     };
-    for (const auto& c : cases) {
-        fake::reset();
-        info.admin_port = c.adminPort;
-        info.script_mask = c.scriptMask;
-        fake::platform().packageFiles["x.zpk"] = info;
-        const Outcome r = run({"query", "x.zpk", "y.zpk"});
-        EXPECT_EQ(r.out,
-                  "Package name: foo\nPackage version: 1.2-0003\nPackage description: \n"
-                  "Package displayname: Foo App\nPackage maintainer: Quorvel\n"
-                  "Package manager URL: http://foo.example/\n" +
-                      c.tail);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_THAT(commandCalls(),
-                    ElementsAre("PackageManager::queryPackageFileInfo(\"x.zpk\", info, 0, null)"));
+    for (const auto& [adminPort, scriptMask, tail] : cases) {
+        info.admin_port = adminPort;
+        info.script_mask = scriptMask;
+        expectCase({"query", "x.zpk", "y.zpk"}, {.packageFiles = {{"x.zpk", info}}}, head + tail, 0,
+                   {fileQuery("x.zpk")});
     }
-
-    fake::reset();
-    fake::platform().result = 7;
-    const Outcome r = run({"query", "bad.zpk"});
-    EXPECT_EQ(r.out, "Failed to query package bad.zpk, 7\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(commandCalls(),
-                ElementsAre("PackageManager::queryPackageFileInfo(\"bad.zpk\", info, 0, null)",
-                            "m1.getResult()"));
+    expectCase({"query", "bad.zpk"}, {.result = 7}, "Failed to query package bad.zpk, 7\n", 1,
+               {fileQuery("bad.zpk"), "m1.getResult()"});
 }
 
 // --- install_from_server ----------------------------------------------------
 
-const std::string kStatusCall = "m1.getServiceStatus(\"foo\", running, true)";
-
-std::string serverQuery(bool beta) {
-    return std::string("GetPackageInfoFromServer(\"foo\", entry, true, \"enu\", ") +
-           (beta ? "true" : "false") + ")";
-}
-
 // Not installed, and the server offers foo.
-void offerFoo(const Json::Value& entry) {
-    fake::reset();
-    fake::platform().result = 255;
-    fake::platform().serverEntry = entry;
-    fake::platform().defaultVolume = "volume2";
-    fake::platform().tmpDir = "/volume3/@tmp";
-    fake::platform().volumePath = "/volume9";
+fake::Platform offer(const Json::Value& entry, const std::set<std::string>& failing = {}) {
+    return {.failing = failing,
+            .result = 255,
+            .serverEntry = entry,
+            .defaultVolume = "volume2",
+            .tmpDir = "/volume3/@tmp",
+            .volumePath = "/volume9"};
 }
 
 Json::Value entry(std::initializer_list<std::pair<const char*, Json::Value>> members) {
@@ -108,188 +68,115 @@ Json::Value entry(std::initializer_list<std::pair<const char*, Json::Value>> mem
     return value;
 }
 
+// The calls of a run that gets as far as the install: the status check, the
+// server query, the volume calls and BackgroundInstall with these arguments.
+std::vector<std::string> queued(bool beta, std::vector<std::string> volumeCalls,
+                                const std::string& install) {
+    volumeCalls.insert(volumeCalls.begin(),
+                       {"m1.getServiceStatus(\"foo\", running, true)", "m1.getResult()",
+                        std::string("GetPackageInfoFromServer(\"foo\", entry, true, \"enu\", ") +
+                            (beta ? "true" : "false") + ")"});
+    volumeCalls.push_back("BackgroundInstall(" + install + ")");
+    return volumeCalls;
+}
+
+const std::vector<std::string> kDefaultVolume = {"PMSGetPackageDefVol(out)",
+                                                 "VolumePathParseEx(\"volume2\")"};
+const Json::Value kMinimal = entry({{"dname", "Foo"}, {"link", "L"}});
+const std::string kMinimalInstall =
+    "\"\", \"/volume9\", \"foo\", \"Foo\", null, false, \"enu\", 0, \"L\", null, true, false";
+
 TEST_F(InstallTest, InstallFromServerSettlesTheVolumeAndQueuesTheInstall) {
-    const Json::Value minimal = entry({{"dname", "Foo"}, {"link", "http://s/foo.zpk"}});
-    const Json::Value full = entry({{"dname", "Foo"},
-                                    {"link", "http://s/foo.zpk"},
-                                    {"type", 2},
-                                    {"size", Json::UInt64(5000000000ULL)},
-                                    {"md5", "abc"}});
-    const Json::Value typeZero = entry({{"dname", "Foo"}, {"link", "L"}, {"type", 0}});
-    const struct {
-        std::vector<std::string> words;
-        Json::Value entry;
-        std::set<std::string> failing;
-        std::vector<std::string> volumeCalls;  // between the server query and the install
-        std::string install;                   // BackgroundInstall's arguments
-        bool beta;
-    } cases[] = {
-        {{"foo"},
-         minimal,
-         {},
-         {"PMSGetPackageDefVol(out)", "VolumePathParseEx(\"volume2\")"},
-         "\"\", \"/volume9\", \"foo\", \"Foo\", null, false, \"enu\", 0, \"http://s/foo.zpk\", "
-         "null, true, false",
-         false},
-        // No default volume: the temporary directory for the download decides.
-        {{"foo", "", "admin"},
-         full,
-         {"PMSGetPackageDefVol"},
-         {"PMSGetPackageDefVol(out)", "PMSGetTmpDir(5000000000, out)",
-          "VolumePathParseEx(\"/volume3/@tmp\")"},
-         "\"admin\", \"/volume9\", \"foo\", \"Foo\", null, true, \"enu\", 5000000000, "
-         "\"http://s/foo.zpk\", \"abc\", true, false",
-         false},
-        {{"foo"},
-         minimal,
-         {"PMSGetPackageDefVol"},
-         {"PMSGetPackageDefVol(out)", "PMSGetTmpDir(0, out)",
-          "VolumePathParseEx(\"/volume3/@tmp\")"},
-         "\"\", \"/volume9\", \"foo\", \"Foo\", null, false, \"enu\", 0, \"http://s/foo.zpk\", "
-         "null, true, false",
-         false},
-        {{"foo", "volume1", "admin", "true", "ignored"},
-         typeZero,
-         {},
-         {"VolumePathParseEx(\"volume1\")"},
-         "\"admin\", \"/volume9\", \"foo\", \"Foo\", null, false, \"enu\", 0, \"L\", null, true, "
-         "true",
-         true},
-    };
-    for (const auto& c : cases) {
-        offerFoo(c.entry);
-        fake::platform().failing = c.failing;
-        std::vector<std::string> words = c.words;
-        words.insert(words.begin(), "install_from_server");
-        const Outcome r = run(words);
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.status, 0);
-        std::vector<std::string> calls = {kStatusCall, "m1.getResult()", serverQuery(c.beta)};
-        calls.insert(calls.end(), c.volumeCalls.begin(), c.volumeCalls.end());
-        calls.push_back("BackgroundInstall(" + c.install + ")");
-        EXPECT_EQ(commandCalls(), calls) << ::testing::PrintToString(c.words);
-    }
+    const std::string tmp = "VolumePathParseEx(\"/volume3/@tmp\")";
+    expectCase({"install_from_server", "foo"}, offer(kMinimal), "", 0,
+               queued(false, kDefaultVolume, kMinimalInstall));
+    // No default volume: the temporary directory for the download decides.
+    expectCase({"install_from_server", "foo", "", "admin"},
+               offer(entry({{"dname", "Foo"},
+                            {"link", "L"},
+                            {"type", 2},
+                            {"size", Json::UInt64(5000000000ULL)},
+                            {"md5", "abc"}}),
+                     {"PMSGetPackageDefVol"}),
+               "", 0,
+               queued(false, {kDefaultVolume[0], "PMSGetTmpDir(5000000000, out)", tmp},
+                      "\"admin\", \"/volume9\", \"foo\", \"Foo\", null, true, \"enu\", "
+                      "5000000000, \"L\", \"abc\", true, false"));
+    expectCase({"install_from_server", "foo"}, offer(kMinimal, {"PMSGetPackageDefVol"}), "", 0,
+               queued(false, {kDefaultVolume[0], "PMSGetTmpDir(0, out)", tmp}, kMinimalInstall));
+    expectCase({"install_from_server", "foo", "volume1", "admin", "true", "ignored"},
+               offer(entry({{"dname", "Foo"}, {"link", "L"}, {"type", 0}})), "", 0,
+               queued(true, {"VolumePathParseEx(\"volume1\")"},
+                      "\"admin\", \"/volume9\", \"foo\", \"Foo\", null, false, \"enu\", 0, \"L\", "
+                      "null, true, true"));
 }
 
 TEST_F(InstallTest, InstallFromServerBetaNeedsTheExactWordTrue) {
     for (const char* word : {"TRUE", "1", "yes", ""}) {
-        offerFoo(entry({{"dname", "Foo"}, {"link", "L"}}));
-        run({"install_from_server", "foo", "volume1", "", word});
-        const std::vector<std::string> calls = commandCalls();
-        ASSERT_EQ(calls.size(), 5u);
-        EXPECT_EQ(calls[2], serverQuery(false)) << word;
-        EXPECT_THAT(calls[4], EndsWith(", true, false)")) << word;
+        expectCase({"install_from_server", "foo", "volume1", "", word}, offer(kMinimal), "", 0,
+                   queued(false, {"VolumePathParseEx(\"volume1\")"}, kMinimalInstall));
     }
 }
 
 TEST_F(InstallTest, InstallFromServerStopsAtTheFirstFailure) {
-    const Json::Value good = entry({{"dname", "Foo"}, {"link", "L"}});
-    const struct {
-        int result;
-        std::set<std::string> failing;
-        int volumeParse;
-        Json::Value entry;
-        std::string out;
-        std::string lastCall;
-    } cases[] = {
-        {0, {}, 0, good, "Package 'foo' already installed\n", "m1.getResult()"},
-        {150, {}, 0, good, "Package 'foo' already installed\n", "m1.getResult()"},
-        {255,
-         {"GetPackageInfoFromServer"},
-         0,
-         good,
-         "Failed to query package list from server\n",
-         serverQuery(false)},
-        {255,
-         {"PMSGetPackageDefVol", "PMSGetTmpDir"},
-         0,
-         good,
-         "Failed to get install volume\n",
-         "PMSGetTmpDir(0, out)"},
-        {255, {}, -1, good, "Failed to parse volume\n", "VolumePathParseEx(\"volume2\")"},
-        {255,
-         {"BackgroundInstall"},
-         0,
-         good,
-         "Failed to install 'foo'\n",
-         "BackgroundInstall(\"\", \"/volume9\", \"foo\", \"Foo\", null, false, \"enu\", 0, \"L\", "
-         "null, true, false)"},
-        // The server must send "dname" and "link": without them the JSON
-        // library's error ends the run before anything is queued.
-        {255,
-         {},
-         0,
-         entry({{"link", "L"}}),
-         "Failed to execute quorpkg, reason=[in Json::Value::asCString(): requires "
-         "stringValue]\n",
-         "VolumePathParseEx(\"volume2\")"},
-        {255,
-         {},
-         0,
-         entry({{"dname", "Foo"}, {"md5", "abc"}}),
-         "Failed to execute quorpkg, reason=[in Json::Value::asCString(): requires "
-         "stringValue]\n",
-         "VolumePathParseEx(\"volume2\")"},
+    const std::vector<std::string> all = queued(false, kDefaultVolume, kMinimalInstall);
+    auto upTo = [&](std::size_t n) {
+        return std::vector<std::string>(all.begin(), all.begin() + n);
     };
-    for (const auto& c : cases) {
-        offerFoo(c.entry);
-        fake::platform().result = c.result;
-        fake::platform().failing = c.failing;
-        fake::platform().volumeParse = c.volumeParse;
-        const Outcome r = run({"install_from_server", "foo"});
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(commandCalls().back(), c.lastCall) << c.out;
-    }
+    const std::vector<std::string> words = {"install_from_server", "foo"};
+    // Any code but "no such package" counts as installed.
+    expectCase(words, {.result = 0}, "Package 'foo' already installed\n", 1, upTo(2));
+    expectCase(words, {.result = 150}, "Package 'foo' already installed\n", 1, upTo(2));
+    expectCase(words, offer(kMinimal, {"GetPackageInfoFromServer"}),
+               "Failed to query package list from server\n", 1, upTo(3));
+    std::vector<std::string> noTmp = upTo(4);
+    noTmp.push_back("PMSGetTmpDir(0, out)");
+    expectCase(words, offer(kMinimal, {"PMSGetPackageDefVol", "PMSGetTmpDir"}),
+               "Failed to get install volume\n", 1, noTmp);
+    fake::Platform unparsable = offer(kMinimal);
+    unparsable.volumeParse = -1;
+    expectCase(words, unparsable, "Failed to parse volume\n", 1, upTo(5));
+    expectCase(words, offer(kMinimal, {"BackgroundInstall"}), "Failed to install 'foo'\n", 1, all);
+    // The server must send "dname" and "link": without them the JSON
+    // library's error ends the run before anything is queued.
+    const std::string jsonError =
+        "Failed to execute quorpkg, reason=[in Json::Value::asCString(): requires stringValue]\n";
+    expectCase(words, offer(entry({{"link", "L"}})), jsonError, 1, upTo(5));
+    expectCase(words, offer(entry({{"dname", "Foo"}, {"md5", "abc"}})), jsonError, 1, upTo(5));
 }
 
 TEST_F(InstallTest, UninstallPassesEveryWordInOneRequest) {
-    for (bool ok : {true, false}) {
-        fake::reset();
-        if (!ok) fake::platform().failing = {"uninstallPKGs"};
-        const Outcome r = run({"uninstall", "a", "b", "a", ""});
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.status, ok ? 0 : 1);
-        EXPECT_THAT(commandCalls(),
-                    ElementsAre("m1.uninstallPKGs([\"a\", \"b\", \"a\", \"\"], true)"));
-    }
+    const std::vector<std::string> words = {"uninstall", "a", "b", "a", ""};
+    const std::string call = "m1.uninstallPKGs([\"a\", \"b\", \"a\", \"\"], true)";
+    expectCase(words, {}, "", 0, {call});
+    expectCase(words, {.failing = {"uninstallPKGs"}}, "", 1, {call});
 }
 
 // --- sort_zpk_by_dep_order ----------------------------------------------------
 
-std::string fileQuery(const std::string& path) {
-    return "PackageManager::queryPackageFileInfo(\"" + path + "\", info, 0, null)";
-}
-
 TEST_F(InstallTest, SortPrintsTheLibraryOrderBackToFront) {
-    fake::platform().packageFiles = {{"a.zpk", fake::package("A")},
-                                     {"./b.zpk", fake::package("B")},
-                                     {"dup.zpk", fake::package("A")}};
-    fake::platform().sortedNames = {"A", "B", "X", "A"};
-    const Outcome r = run({"sort_zpk_by_dep_order", "a.zpk", "./b.zpk", "dup.zpk"});
     // Reversed; the first file that declared A keeps it; X came from no file.
-    EXPECT_EQ(r.out, "a.zpk\n\n./b.zpk\na.zpk\n");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_THAT(commandCalls(),
-                ElementsAre(fileQuery("a.zpk"), fileQuery("./b.zpk"), fileQuery("dup.zpk"),
-                            "m1.topologicalSortPkgs([\"A\", \"B\", \"A\"], [])"));
+    expectCase({"sort_zpk_by_dep_order", "a.zpk", "./b.zpk", "dup.zpk"},
+               {.packageFiles = {{"a.zpk", fake::package("A")},
+                                 {"./b.zpk", fake::package("B")},
+                                 {"dup.zpk", fake::package("A")}},
+                .sortedNames = {"A", "B", "X", "A"}},
+               "a.zpk\n\n./b.zpk\na.zpk\n", 0,
+               {fileQuery("a.zpk"), fileQuery("./b.zpk"), fileQuery("dup.zpk"),
+                "m1.topologicalSortPkgs([\"A\", \"B\", \"A\"], [])"});
 }
 
 TEST_F(InstallTest, SortStopsAtTheFirstUnreadableFileOrAFailedSort) {
-    fake::platform().packageFiles = {{"a.zpk", fake::package("A")}, {"b.zpk", fake::package("B")}};
-    fake::platform().result = 2;
-    Outcome r = run({"sort_zpk_by_dep_order", "a.zpk", "b.zpk", "c.zpk", "d.zpk"});
-    EXPECT_EQ(r.out, "Failed to query package c.zpk, 2\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(commandCalls(), ElementsAre(fileQuery("a.zpk"), fileQuery("b.zpk"),
-                                            fileQuery("c.zpk"), "m1.getResult()"));
-
-    fake::platform().calls.clear();
-    fake::platform().managers = 0;
-    fake::platform().failing = {"topologicalSortPkgs"};
-    r = run({"sort_zpk_by_dep_order", "a.zpk", "b.zpk"});
-    EXPECT_EQ(r.out, "Failed to sort built-in packages\n");
-    EXPECT_EQ(r.status, 1);
+    fake::Platform script{
+        .result = 2,
+        .packageFiles = {{"a.zpk", fake::package("A")}, {"b.zpk", fake::package("B")}}};
+    expectCase({"sort_zpk_by_dep_order", "a.zpk", "b.zpk", "c.zpk", "d.zpk"}, script,
+               "Failed to query package c.zpk, 2\n", 1,
+               {fileQuery("a.zpk"), fileQuery("b.zpk"), fileQuery("c.zpk"), "m1.getResult()"});
+    script.failing = {"topologicalSortPkgs"};
+    expectCase(
+        {"sort_zpk_by_dep_order", "a.zpk", "b.zpk"}, script, "Failed to sort built-in packages\n",
+        1, {fileQuery("a.zpk"), fileQuery("b.zpk"), "m1.topologicalSortPkgs([\"A\", \"B\"], [])"});
 }
 
 }  // namespace

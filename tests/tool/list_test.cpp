@@ -1,11 +1,10 @@
 // list and log.
+#include <utility>
+
 #include "tool_harness.h"
 
 namespace tooltest {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 using ListTest = ToolTest;
 
@@ -23,70 +22,42 @@ std::string lookUp(const std::string& name) {
     return "m1.getPackageInfo(\"" + name + "\", info, null, ~0)";
 }
 
-void installABC() {
-    fake::platform().packageNames = {"a", "b", "c"};
-    fake::platform().installed = {{"a", fake::package("a", "1.0", "Alpha tool")},
-                                  {"c", fake::package("c", "2-3", "")}};
+// a and c are installed, b cannot be read.
+fake::Platform abc() {
+    return {.installed = {{"a", fake::package("a", "1.0", "Alpha tool")},
+                          {"c", fake::package("c", "2-3", "")}},
+            .packageNames = {"a", "b", "c"}};
 }
 
 TEST_F(ListTest, ListsEveryInstalledPackageAndSkipsUnreadableOnes) {
     for (const std::vector<std::string>& words :
          {std::vector<std::string>{"list"}, std::vector<std::string>{"list", "foo", "bar"}}) {
-        fake::reset();
-        installABC();
-        const Outcome r = run(words);
-        EXPECT_EQ(r.out, "a-1.0: Alpha tool\nc-2-3: \n");
-        EXPECT_EQ(r.status, 0);
-        EXPECT_THAT(commandCalls(), ElementsAre(kEnum, lookUp("a"), lookUp("b"), lookUp("c")));
+        expectCase(words, abc(), "a-1.0: Alpha tool\nc-2-3: \n", 0,
+                   {kEnum, lookUp("a"), lookUp("b"), lookUp("c")});
     }
 }
 
 TEST_F(ListTest, NameOnlyJoinsTheNamesWithNewlines) {
-    const struct {
-        std::vector<std::string> words;
-        std::vector<std::string> names;
-        std::string out;
-    } cases[] = {
-        {{"list", "--name"}, {"a", "b", "c"}, "a\nb\nc\n"},
-        {{"list", "--na"}, {"a"}, "a\n"},
-        {{"list", "--name"}, {}, "\n"},
-    };
-    for (const auto& c : cases) {
-        fake::reset();
-        fake::platform().packageNames = c.names;
-        const Outcome r = run(c.words);
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_THAT(commandCalls(), ElementsAre(kEnum));
-    }
+    expectCase({"list", "--name"}, {.packageNames = {"a", "b", "c"}}, "a\nb\nc\n", 0, {kEnum});
+    expectCase({"list", "--na"}, {.packageNames = {"a"}}, "a\n", 0, {kEnum});
+    expectCase({"list", "--name"}, {}, "\n", 0, {kEnum});
 }
 
+// The library lists the package itself last; a failed query is not reported.
 TEST_F(ListTest, DependOnListsTheDependentsWithoutThePackageItself) {
     const std::string order = "m1.getDependencyOrder(\"foo\", names, true)";
-    const struct {
-        std::vector<std::string> words;
-        std::vector<std::string> dependencyOrder;
-        std::string out;
-        std::vector<std::string> calls;
-    } cases[] = {
-        {{"list", "--depend-on", "foo"},
-         {"a", "c", "foo"},
-         "a-1.0: Alpha tool\nc-2-3: \n",
-         {order, lookUp("a"), lookUp("c")}},
-        {{"list", "--dep=foo", "--name"}, {"a", "b", "foo"}, "a\nb\n", {order}},
-        {{"list", "--depend-on", "foo"}, {"foo"}, "", {order}},
-        {{"list", "--depend-on=foo", "--name"}, {}, "\n", {order}},
+    auto dependents = [](const std::vector<std::string>& dependencyOrder) {
+        fake::Platform script = abc();
+        script.failing = {"getDependencyOrder"};
+        script.dependencyOrder = dependencyOrder;
+        return script;
     };
-    for (const auto& c : cases) {
-        fake::reset();
-        installABC();
-        fake::platform().dependencyOrder = c.dependencyOrder;
-        fake::platform().failing = {"getDependencyOrder"};
-        const Outcome r = run(c.words);
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(commandCalls(), c.calls);
-    }
+    expectCase({"list", "--depend-on", "foo"}, dependents({"a", "c", "foo"}),
+               "a-1.0: Alpha tool\nc-2-3: \n", 0, {order, lookUp("a"), lookUp("c")});
+    expectCase({"list", "--dep=foo", "--name"}, dependents({"a", "b", "foo"}), "a\nb\n", 0,
+               {order});
+    expectCase({"list", "--depend-on", "foo"}, dependents({"foo"}), "", 0, {order});
+    expectCase({"list", "--depend-on=foo", "--name"}, dependents({}), "\n", 0, {order});
 }
 
 TEST_F(ListTest, HelpWinsOverEveryOtherOption) {
@@ -94,21 +65,14 @@ TEST_F(ListTest, HelpWinsOverEveryOtherOption) {
          {std::vector<std::string>{"list", "--help"}, std::vector<std::string>{"list", "-h"},
           std::vector<std::string>{"list", "--name", "--depend-on", "x", "-h"},
           std::vector<std::string>{"list", "--he"}}) {
-        fake::reset();
-        const Outcome r = run(words);
-        EXPECT_EQ(r.out, kHelp + "\n");
-        EXPECT_EQ(r.status, 0);
-        EXPECT_THAT(commandCalls(), IsEmpty());
+        expectCase(words, {}, kHelp + "\n", 0, {});
     }
 }
 
 // -n is not a short form of --name: the blank in "name, n" keeps it from
 // being registered.
 TEST_F(ListTest, OptionErrorsPrintTheErrorAndTheHelp) {
-    const struct {
-        std::vector<std::string> words;
-        std::string error;
-    } cases[] = {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{"list", "-n"}, "unrecognised option '-n'"},
         {{"list", "--names"}, "unrecognised option '--names'"},
         {{"list", "--depend-on"}, "the required argument for option '--depend-on' is missing"},
@@ -116,35 +80,20 @@ TEST_F(ListTest, OptionErrorsPrintTheErrorAndTheHelp) {
          "option '--depend-on' cannot be specified more than once"},
         {{"list", "--name=x"}, "option '--name' does not take any arguments"},
     };
-    for (const auto& c : cases) {
-        fake::reset();
-        const Outcome r = run(c.words);
-        EXPECT_EQ(r.out, c.error + "\n" + kHelp + "\n");
-        EXPECT_EQ(r.status, 1);
-        EXPECT_THAT(commandCalls(), IsEmpty());
-    }
+    for (const auto& [words, error] : cases)
+        expectCase(words, {}, error + "\n" + kHelp + "\n", 1, {});
 }
 
 TEST_F(ListTest, LibraryErrorsReachTheEntryReport) {
-    fake::platform().throwIn = "enumPackages";
-    const Outcome r = run({"list"});
-    EXPECT_EQ(r.out, "Failed to execute quorpkg, reason=[scripted failure]\n");
-    EXPECT_EQ(r.status, 1);
+    expectCase({"list"}, {.throwIn = "enumPackages"},
+               "Failed to execute quorpkg, reason=[scripted failure]\n", 1, {kEnum});
 }
 
 TEST_F(ListTest, LogPrintsThePathOrTheCode) {
-    fake::platform().logPath = "/var/log/packages/foo.log";
-    Outcome r = run({"log", "foo", "bar"});
-    EXPECT_EQ(r.out, "The log file is /var/log/packages/foo.log\n");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_THAT(commandCalls(), ElementsAre("m1.getPackageLog(\"foo\")"));
-
-    fake::reset();
-    fake::platform().result = 12;
-    r = run({"log", "ghost"});
-    EXPECT_EQ(r.out, "Failed to get log file 12\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(commandCalls(), ElementsAre("m1.getPackageLog(\"ghost\")", "m1.getResult()"));
+    expectCase({"log", "foo", "bar"}, {.logPath = "/var/log/packages/foo.log"},
+               "The log file is /var/log/packages/foo.log\n", 0, {"m1.getPackageLog(\"foo\")"});
+    expectCase({"log", "ghost"}, {.result = 12}, "Failed to get log file 12\n", 1,
+               {"m1.getPackageLog(\"ghost\")", "m1.getResult()"});
 }
 
 }  // namespace

@@ -3,46 +3,30 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <functional>
+#include <memory>
 
 #include "main/entry.h"
 
 namespace tooltest {
 namespace {
 
-// Points one descriptor at a temporary file until finish().
-class Redirect {
-public:
-    explicit Redirect(int target) : target_(target) {
-        std::fflush(nullptr);
-        file_ = std::tmpfile();
-        saved_ = dup(target_);
-        dup2(fileno(file_), target_);
-    }
-    Redirect(const Redirect&) = delete;
-    Redirect& operator=(const Redirect&) = delete;
-    ~Redirect() { finish(); }
-
-    std::string finish() {
-        if (file_ == nullptr) return {};
-        std::fflush(nullptr);
-        dup2(saved_, target_);
-        close(saved_);
-        std::string captured;
-        std::rewind(file_);
-        char chunk[4096];
-        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file_)) > 0;) {
-            captured.append(chunk, n);
-        }
-        std::fclose(file_);
-        file_ = nullptr;
-        return captured;
-    }
-
-private:
-    int target_;
-    int saved_ = -1;
-    std::FILE* file_ = nullptr;
-};
+// Runs `body` with descriptor `fd` pointed at a temporary file and gives
+// what was written there.
+std::string capture(int fd, const std::function<void()>& body) {
+    std::fflush(nullptr);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), &std::fclose);
+    const int saved = dup(fd);
+    dup2(fileno(file.get()), fd);
+    body();
+    std::fflush(nullptr);
+    dup2(saved, fd);
+    close(saved);
+    std::rewind(file.get());
+    std::string text;
+    for (int c; (c = std::fgetc(file.get())) != EOF;) text += static_cast<char>(c);
+    return text;
+}
 
 }  // namespace
 
@@ -52,14 +36,15 @@ Outcome runArgv(const std::vector<std::string>& argv) {
     for (std::string& word : storage) pointers.push_back(word.data());
     pointers.push_back(nullptr);
 
-    Redirect err(STDERR_FILENO);
-    Redirect out(STDOUT_FILENO);
+    Outcome result{};
     fake::platform().capturing = true;
-    const int status = quorpkg::quorpkgMain(static_cast<int>(argv.size()), pointers.data());
+    const std::string err = capture(STDERR_FILENO, [&] {
+        result.out = capture(STDOUT_FILENO, [&] {
+            result.status = quorpkg::quorpkgMain(static_cast<int>(argv.size()), pointers.data());
+        });
+    });
     fake::platform().capturing = false;
-    Outcome result{status, out.finish()};
-    const std::string errText = err.finish();
-    EXPECT_EQ(errText, "") << "nothing may reach standard error";
+    EXPECT_EQ(err, "") << "nothing may reach standard error";
     return result;
 }
 
@@ -80,12 +65,9 @@ std::vector<std::string> commandCalls() {
     return {calls.begin() + 2, calls.end() - 1};
 }
 
-void expectCase(const std::vector<std::string>& words, const std::set<std::string>& failing,
-                int result, const std::string& out, int status,
-                const std::vector<std::string>& calls) {
-    fake::reset();
-    fake::platform().failing = failing;
-    fake::platform().result = result;
+void expectCase(const std::vector<std::string>& words, fake::Platform script,
+                const std::string& out, int status, const std::vector<std::string>& calls) {
+    fake::platform() = std::move(script);
     const Outcome r = run(words);
     const std::string label = ::testing::PrintToString(words);
     EXPECT_EQ(r.out, out) << label;

@@ -1,5 +1,5 @@
 // Runs the tool in process against the fake platform and captures what it
-// writes to standard output and standard error.
+// writes to standard output.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -30,20 +30,15 @@ Outcome run(std::vector<std::string> words);
 // and destruction around them are checked and left out.
 std::vector<std::string> commandCalls();
 
-// Runs `quorpkg <words>` after a reset with these operations failing and
-// getResult() answering `result`; checks the output, the exit status and the
-// command's calls.
-void expectCase(const std::vector<std::string>& words, const std::set<std::string>& failing,
-                int result, const std::string& out, int status,
-                const std::vector<std::string>& calls);
-
-// The first manager built in a test is the shared one.
-inline const std::string kShared = "m1.";
+// Runs `quorpkg <words>` on a platform scripted as `script`; checks the
+// output, the exit status and the command's calls. The run's records stay
+// in fake::platform() for further checks.
+void expectCase(const std::vector<std::string>& words, fake::Platform script,
+                const std::string& out, int status, const std::vector<std::string>& calls);
 
 class ToolTest : public ::testing::Test {
 protected:
     void SetUp() override { fake::reset(); }
-    void TearDown() override { fake::reset(); }
 };
 
 }  // namespace tooltest

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "tool_harness.h"
 
@@ -27,22 +28,14 @@ protected:
         ASSERT_NE(mkdtemp(pattern), nullptr);
         dir_ = pattern;
     }
-    void TearDown() override {
-        fs::remove_all(dir_);
-        ToolTest::TearDown();
-    }
+    void TearDown() override { fs::remove_all(dir_); }
     void write(const std::string& name, const std::string& content) {
         std::ofstream(dir_ / name) << content;
     }
     std::string read(const std::string& name) {
-        std::ifstream in(dir_ / name);
         std::stringstream text;
-        text << in.rdbuf();
+        text << std::ifstream(dir_ / name).rdbuf();
         return text.str();
-    }
-    std::string setKey(const std::string& name) {
-        return "QLIBCFileSetKeyValue(\"" + (dir_ / name).string() +
-               "\", \"hash\", \"temphash\", 0)";
     }
     // Runs a check that succeeds and so resets the hashes.
     Outcome resetHashes() {
@@ -53,58 +46,39 @@ protected:
     fs::path dir_;
 };
 
+// Without a successful check the hashes stay: PMSGetListTmpDir is not asked.
+// (It fails here so that the reset ends at once; it is tested below.)
 TEST_F(UpgradeTest, ChkupgradepkgAsksAfreshInTheGivenLanguageOnly) {
-    const struct {
-        std::vector<std::string> words;
-        std::string language;
-    } cases[] = {{{"chkupgradepkg"}, ""},
-                 {{"chkupgradepkg", "cht"}, "cht"},
-                 {{"chkupgradepkg", "enu", "extra"}, ""}};
-    for (const auto& c : cases) {
-        for (bool ok : {true, false}) {
-            fake::reset();
-            // The reset is seen by its first request; the list itself is tested below.
-            fake::platform().failing = {"PMSGetListTmpDir"};
-            if (!ok) fake::platform().failing.insert("PMSCheckUpgrade");
-            const Outcome r = run(c.words);
-            EXPECT_EQ(r.out,
-                      ok ? "" : "Fail to check upgrable packages in Quorvel package server\n");
-            EXPECT_EQ(r.status, ok ? 0 : 1);
-            std::vector<std::string> calls = {"PMSCheckUpgrade(true, null, \"" + c.language +
-                                              "\", null)"};
-            // The hashes are reset only after a successful check.
-            if (ok) calls.push_back("PMSGetListTmpDir(out)");
-            EXPECT_EQ(commandCalls(), calls);
-        }
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"chkupgradepkg"}, ""},
+        {{"chkupgradepkg", "cht"}, "cht"},
+        {{"chkupgradepkg", "enu", "extra"}, ""}};
+    for (const auto& [words, language] : cases) {
+        const std::string check = "PMSCheckUpgrade(true, null, \"" + language + "\", null)";
+        expectCase(words, {.failing = {"PMSGetListTmpDir"}}, "", 0,
+                   {check, "PMSGetListTmpDir(out)"});
+        expectCase(words, {.failing = {"PMSGetListTmpDir", "PMSCheckUpgrade"}},
+                   "Fail to check upgrable packages in Quorvel package server\n", 1, {check});
     }
 }
 
 TEST_F(UpgradeTest, UpgradeallIsLimitOnlyUnlessTheFirstWordIsFalse) {
-    const struct {
-        std::vector<std::string> words;
-        std::string args;
-    } cases[] = {
-        {{}, "true, \"\", \"enu\", null, true, true"},
-        {{"false"}, "true, \"\", \"enu\", null, true, false"},
-        {{"FALSE"}, "true, \"\", \"enu\", null, true, true"},
-        {{""}, "true, \"\", \"enu\", null, true, true"},
-        {{"false", "cht"}, "true, \"\", \"cht\", null, true, false"},
-        {{"0", "cht", "admin", "x"}, "true, \"admin\", \"cht\", null, true, true"},
+    // Words, then the user, language and limit-only flag asked for.
+    const std::tuple<std::vector<std::string>, std::string, std::string, std::string> cases[] = {
+        {{"upgradeall"}, "", "enu", "true"},
+        {{"upgradeall", "false"}, "", "enu", "false"},
+        {{"upgradeall", "FALSE"}, "", "enu", "true"},
+        {{"upgradeall", ""}, "", "enu", "true"},
+        {{"upgradeall", "false", "cht"}, "", "cht", "false"},
+        {{"upgradeall", "0", "cht", "admin", "x"}, "admin", "cht", "true"},
     };
-    for (const auto& c : cases) {
-        for (bool ok : {true, false}) {
-            fake::reset();
-            fake::platform().failing = {"PMSGetListTmpDir"};
-            if (!ok) fake::platform().failing.insert("PMSCheckUpgrade");
-            std::vector<std::string> words = c.words;
-            words.insert(words.begin(), "upgradeall");
-            const Outcome r = run(words);
-            EXPECT_EQ(r.out, ok ? "" : "Fail to upgrade all packages in Quorvel package server\n");
-            EXPECT_EQ(r.status, ok ? 0 : 1);
-            std::vector<std::string> calls = {"PMSCheckUpgrade(" + c.args + ")"};
-            if (ok) calls.push_back("PMSGetListTmpDir(out)");
-            EXPECT_EQ(commandCalls(), calls) << ::testing::PrintToString(c.words);
-        }
+    for (const auto& [words, user, language, limitOnly] : cases) {
+        const std::string check = "PMSCheckUpgrade(true, \"" + user + "\", \"" + language +
+                                  "\", null, true, " + limitOnly + ")";
+        expectCase(words, {.failing = {"PMSGetListTmpDir"}}, "", 0,
+                   {check, "PMSGetListTmpDir(out)"});
+        expectCase(words, {.failing = {"PMSGetListTmpDir", "PMSCheckUpgrade"}},
+                   "Fail to upgrade all packages in Quorvel package server\n", 1, {check});
     }
 }
 
@@ -113,61 +87,35 @@ TEST_F(UpgradeTest, CheckupdateallPrintsTheOfferedPackagesAsOneJsonLine) {
     foo.displayname = "Foo";
     bar.displayname = "Bär \"B\"";
     bar.beta = true;
-    const struct {
-        std::vector<std::string> words;
-        std::vector<PackageInfo> offered;
-        bool ok;
-        std::string call;
-        std::string out;
-    } cases[] = {
-        {{}, {}, true, "false, null, \"enu\", list", "[]\n"},
-        {{"abcdefghijkl"}, {}, true, "false, null, \"abcdefghi\", list", "[]\n"},
-        {{"", "admin", "x"}, {}, true, "false, \"admin\", \"\", list", "[]\n"},
-        {{"cht"},
-         {foo, bar},
-         true,
-         "false, null, \"cht\", list",
-         "[{\"beta\":false,\"id\":\"foo\",\"name\":\"Foo\",\"version\":\"1.0\"},"
-         "{\"beta\":true,\"id\":\"bar\",\"name\":\"Bär \\\"B\\\"\",\"version\":\"2.0-beta\"}]\n"},
-        // A failed check still prints whatever the list holds.
-        {{}, {}, false, "false, null, \"enu\", list", "[]\n"},
-        {{},
-         {foo},
-         false,
-         "false, null, \"enu\", list",
-         "[{\"beta\":false,\"id\":\"foo\",\"name\":\"Foo\",\"version\":\"1.0\"}]\n"},
+    const std::string fooJson = R"({"beta":false,"id":"foo","name":"Foo","version":"1.0"})";
+    auto check = [](const std::string& userAndLanguage) {
+        return std::vector<std::string>{"PMSCheckUpgrade(false, " + userAndLanguage + ", list)"};
     };
-    for (const auto& c : cases) {
-        fake::reset();
-        fake::platform().upgrades = c.offered;
-        if (!c.ok) fake::platform().failing = {"PMSCheckUpgrade"};
-        std::vector<std::string> words = c.words;
-        words.insert(words.begin(), "checkupdateall");
-        const Outcome r = run(words);
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_THAT(commandCalls(), ElementsAre("PMSCheckUpgrade(" + c.call + ")"));
-    }
+    expectCase({"checkupdateall"}, {}, "[]\n", 0, check("null, \"enu\""));
+    expectCase({"checkupdateall", "abcdefghijkl"}, {}, "[]\n", 0, check("null, \"abcdefghi\""));
+    expectCase({"checkupdateall", "", "admin", "x"}, {}, "[]\n", 0, check("\"admin\", \"\""));
+    expectCase({"checkupdateall", "cht"}, {.upgrades = {foo, bar}},
+               "[" + fooJson +
+                   R"(,{"beta":true,"id":"bar","name":"Bär \"B\"","version":"2.0-beta"}])"
+                   "\n",
+               0, check("null, \"cht\""));
+    // A failed check still prints whatever the list holds.
+    expectCase({"checkupdateall"}, {.failing = {"PMSCheckUpgrade"}}, "[]\n", 0,
+               check("null, \"enu\""));
+    expectCase({"checkupdateall"}, {.failing = {"PMSCheckUpgrade"}, .upgrades = {foo}},
+               "[" + fooJson + "]\n", 0, check("null, \"enu\""));
 }
 
 TEST_F(UpgradeTest, CheckupdateAnswersThroughTheExitStatusOnly) {
-    const struct {
-        std::vector<std::string> words;
-        std::string language;
-    } cases[] = {{{"checkupdate", "foo"}, "enu"},
-                 {{"checkupdate", "foo", "abcdefghijkl", "x"}, "abcdefghi"},
-                 {{"checkupdate", "foo", ""}, ""}};
-    for (const auto& c : cases) {
-        for (bool updatable : {true, false}) {
-            fake::reset();
-            if (!updatable) fake::platform().failing = {"QUORPackageServer::PMSCheckUpgrade"};
-            const Outcome r = run(c.words);
-            EXPECT_EQ(r.out, "");
-            EXPECT_EQ(r.status, updatable ? 0 : 1);
-            EXPECT_THAT(commandCalls(),
-                        ElementsAre("QUORPackageServer::PMSCheckUpgrade(false, \"foo\", \"" +
-                                    c.language + "\")"));
-        }
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"checkupdate", "foo"}, "enu"},
+        {{"checkupdate", "foo", "abcdefghijkl", "x"}, "abcdefghi"},
+        {{"checkupdate", "foo", ""}, ""}};
+    for (const auto& [words, language] : cases) {
+        const std::vector<std::string> calls = {
+            "QUORPackageServer::PMSCheckUpgrade(false, \"foo\", \"" + language + "\")"};
+        expectCase(words, {}, "", 0, calls);
+        expectCase(words, {.failing = {"QUORPackageServer::PMSCheckUpgrade"}}, "", 1, calls);
     }
 }
 
@@ -187,6 +135,10 @@ TEST_F(HashDirTest, ResetRewritesOnlyRegularFilesWithHashNames) {
     EXPECT_EQ(r.status, 0);
     std::vector<std::string> calls = commandCalls();
     ASSERT_GE(calls.size(), 2u);
+    auto setKey = [&](const std::string& name) {
+        return "QLIBCFileSetKeyValue(\"" + (dir_ / name).string() +
+               "\", \"hash\", \"temphash\", 0)";
+    };
     EXPECT_THAT(
         std::vector<std::string>(calls.begin() + 2, calls.end()),
         UnorderedElementsAreArray({setKey("quorserver.hash.enu"), setKey("otherserver.hash."),
@@ -220,28 +172,22 @@ TEST_F(HashDirTest, OneUnwritableFileIsLoggedAndTheOthersAreStillReset) {
 }
 
 TEST_F(HashDirTest, AnEmptyDirectoryChangesNothing) {
-    const Outcome r = resetHashes();
-    EXPECT_EQ(r.status, 0);
-    EXPECT_THAT(commandCalls(),
-                ElementsAre("PMSCheckUpgrade(true, null, \"\", null)", "PMSGetListTmpDir(out)"));
+    expectCase({"chkupgradepkg"}, {.listTmpDir = dir_.string()}, "", 0,
+               {"PMSCheckUpgrade(true, null, \"\", null)", "PMSGetListTmpDir(out)"});
     EXPECT_THAT(fake::platform().syslogLines, IsEmpty());
 }
 
 TEST_F(HashDirTest, NoListDirectoryIsLoggedWithThePathAsLeft) {
-    for (const char* left : {"/var/lib/quorpkg/list", ""}) {
-        fake::reset();
-        write("quorserver.hash.enu", "hash=\"abc\"\n");
-        fake::platform().failing = {"PMSGetListTmpDir"};
-        fake::platform().listTmpDir = left;
-        const Outcome r = run({"upgradeall"});
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, "");
+    write("quorserver.hash.enu", "hash=\"abc\"\n");
+    for (const std::string left : {"/var/lib/quorpkg/list", ""}) {
+        expectCase(
+            {"upgradeall"}, {.failing = {"PMSGetListTmpDir"}, .listTmpDir = left}, "", 0,
+            {"PMSCheckUpgrade(true, \"\", \"enu\", null, true, true)", "PMSGetListTmpDir(out)"});
         EXPECT_THAT(fake::platform().syslogLines,
-                    ElementsAre(std::make_pair(
-                        LOG_ERR,
-                        "pkg_utils.cpp:13 failed to create directory for package list "
-                        "hash [" +
-                            std::string(left) + "]")));
+                    ElementsAre(std::make_pair(LOG_ERR,
+                                               "pkg_utils.cpp:13 failed to create directory for "
+                                               "package list hash [" +
+                                                   left + "]")));
         EXPECT_EQ(read("quorserver.hash.enu"), "hash=\"abc\"\n");
     }
 }
@@ -253,25 +199,17 @@ TEST_F(HashDirTest, AMissingDirectoryEndsTheRunWithTheReport) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out.rfind("Failed to execute quorpkg, reason=[", 0), 0u) << r.out;
     EXPECT_NE(r.out.find((dir_ / "gone").string()), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.back(), '\n');
     EXPECT_EQ(r.out.find('\n'), r.out.size() - 1);
 }
 
 TEST_F(UpgradeTest, VersionPrintsTheBareVersionOrLogsTheFailure) {
     const std::string lookUp = "PackageManager::getInstallPackageInfo(\"foo\", info, null, ~0)";
-    for (const char* version : {"1.2-0003", ""}) {
-        fake::reset();
-        fake::platform().installed["foo"] = fake::package("foo", version);
-        const Outcome r = run({"version", "foo", "bar"});
-        EXPECT_EQ(r.out, std::string(version) + "\n");
-        EXPECT_EQ(r.status, 0);
-        EXPECT_THAT(commandCalls(), ElementsAre(lookUp));
+    for (const std::string version : {"1.2-0003", ""}) {
+        expectCase({"version", "foo", "bar"},
+                   {.installed = {{"foo", fake::package("foo", version)}}}, version + "\n", 0,
+                   {lookUp});
     }
-    fake::reset();
-    const Outcome r = run({"version", "foo"});
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(commandCalls(), ElementsAre(lookUp));
+    expectCase({"version", "foo"}, {}, "", 1, {lookUp});
     EXPECT_THAT(
         fake::platform().syslogLines,
         ElementsAre(std::make_pair(
