@@ -1,10 +1,10 @@
 #include "quorpkg/service/process_group.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,12 +52,10 @@ bool drain(int fd, std::string* out) {
 // Whether a process of group `pgid` is still alive (zombies are dead: the
 // reaper of an orphan may be slow or absent in a container).
 bool groupHasLiveMember(pid_t pgid) {
-    DIR* proc = ::opendir("/proc");
-    if (proc == nullptr) return ::kill(-pgid, 0) == 0;
-    bool alive = false;
-    while (dirent* entry = ::readdir(proc)) {
-        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        std::string path = std::string("/proc/") + entry->d_name + "/stat";
+    if (::access("/proc/self/stat", R_OK) != 0) return ::kill(-pgid, 0) == 0;
+    for (const std::string& name : entriesOfType("/proc", S_IFDIR)) {
+        if (name[0] < '0' || name[0] > '9') continue;
+        std::string path = "/proc/" + name + "/stat";
         UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
         if (!fd) continue;
         char buffer[512];
@@ -71,13 +69,9 @@ bool groupHasLiveMember(pid_t pgid) {
         char state = 0;
         int ppid = 0, pgrp = 0;
         if (std::sscanf(stat.c_str() + close + 1, " %c %d %d", &state, &ppid, &pgrp) != 3) continue;
-        if (pgrp == pgid && state != 'Z' && state != 'X') {
-            alive = true;
-            break;
-        }
+        if (pgrp == pgid && state != 'Z' && state != 'X') return true;
     }
-    ::closedir(proc);
-    return alive;
+    return false;
 }
 
 class SpawnActions {
