@@ -6,7 +6,7 @@
 
 #include "base/file_util.h"
 #include "quorpkg/server/task_file.h"
-#include "server_fixture_test.h"
+#include "server_fixture.h"
 #include "tool_runner.h"
 
 namespace quor::e2e {

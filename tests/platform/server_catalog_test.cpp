@@ -6,7 +6,7 @@
 #include "pkg_server.h"
 #include "quor_core.h"
 #include "quorpkg/package/md5.h"
-#include "server_fixture_test.h"
+#include "server_fixture.h"
 
 namespace quor::test {
 namespace {

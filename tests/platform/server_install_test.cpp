@@ -15,7 +15,7 @@
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/store.h"
-#include "server_fixture_test.h"
+#include "server_fixture.h"
 
 namespace quor::test {
 namespace {

@@ -5,7 +5,7 @@
 #include "pkg_manager.h"
 #include "pkg_server.h"
 #include "quorpkg/store/store.h"
-#include "server_fixture_test.h"
+#include "server_fixture.h"
 
 namespace quor::test {
 namespace {

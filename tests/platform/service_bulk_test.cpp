@@ -9,7 +9,7 @@
 #include "pkg_manager.h"
 #include "quorpkg/service/parallel_order.h"
 #include "quorpkg/service/services.h"
-#include "service_fixture_test.h"
+#include "service_fixture.h"
 
 namespace quor::test {
 namespace {

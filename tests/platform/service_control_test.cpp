@@ -2,7 +2,7 @@
 // web-interface link, requirements and dependents, the firmware limit.
 #include "pkg_manager.h"
 #include "quorpkg/service/services.h"
-#include "service_fixture_test.h"
+#include "service_fixture.h"
 
 namespace quor::test {
 namespace {

@@ -5,8 +5,8 @@
 
 #include <cstdlib>
 
-#include "quorpkg/service/script_runner.h"
-#include "service_fixture_test.h"
+#include "quorpkg/scripts/script_runner.h"
+#include "service_fixture.h"
 
 namespace quor::test {
 namespace {

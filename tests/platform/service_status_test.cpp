@@ -1,7 +1,7 @@
 // Status answers, the on/off query and the log path.
 #include "pkg_manager.h"
 #include "quorpkg/service/services.h"
-#include "service_fixture_test.h"
+#include "service_fixture.h"
 
 namespace quor::test {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "commands.h"
-#include "quorpkg/server/catalog_index.h"
+#include "quorpkg/package/catalog_index.h"
 
 int zpkIndex(int argc, char** argv) {
     if (argc != 2 || !*argv[1]) return zpkError(2, "usage: zpk index DIR");

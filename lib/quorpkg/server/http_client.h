@@ -46,7 +46,4 @@ std::string resolveUrl(const std::string& base, const std::string& link);
 // The URL's scheme in lower case ("http", "file"), empty when it has none.
 std::string urlScheme(const std::string& url);
 
-// `text` percent-encoded for use as one path segment of a URL.
-std::string escapeUrlSegment(const std::string& text);
-
 }  // namespace quor

@@ -5,7 +5,7 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "base/system_root.h"
-#include "quorpkg/service/script_runner.h"
+#include "quorpkg/scripts/script_runner.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/store.h"
 

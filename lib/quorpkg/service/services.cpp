@@ -10,7 +10,7 @@
 #include "base/result.h"
 #include "quorpkg/package/version.h"
 #include "quorpkg/service/firmware_limits.h"
-#include "quorpkg/service/script_runner.h"
+#include "quorpkg/scripts/script_runner.h"
 #include "quorpkg/service/service_steps.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/lock.h"

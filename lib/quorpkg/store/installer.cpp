@@ -9,7 +9,7 @@
 #include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/package/package_file.h"
-#include "quorpkg/service/script_runner.h"
+#include "quorpkg/scripts/script_runner.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"

@@ -4,7 +4,7 @@
 
 #include "base/package_log.h"
 #include "base/result.h"
-#include "quorpkg/service/script_runner.h"
+#include "quorpkg/scripts/script_runner.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"

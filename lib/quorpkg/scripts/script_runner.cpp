@@ -1,4 +1,4 @@
-#include "quorpkg/service/script_runner.h"
+#include "quorpkg/scripts/script_runner.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@
 #include "base/result.h"
 #include "base/settings.h"
 #include "base/system_root.h"
-#include "quorpkg/service/process_group.h"
+#include "quorpkg/scripts/process_group.h"
 #include "quorpkg/store/store.h"
 
 namespace fs = std::filesystem;

@@ -1,5 +1,5 @@
 // The package-server test fixture: a real HTTP server per test.
-#include "server_fixture_test.h"
+#include "server_fixture.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -22,7 +22,7 @@
 #include "pkg_manager.h"
 #include "pkg_server.h"
 #include "quor_core.h"
-#include "quorpkg/server/catalog_index.h"
+#include "quorpkg/package/catalog_index.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/store.h"
 

@@ -1,4 +1,4 @@
-#include "quorpkg/service/process_group.h"
+#include "quorpkg/scripts/process_group.h"
 
 #include <fcntl.h>
 #include <poll.h>

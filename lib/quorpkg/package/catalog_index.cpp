@@ -1,8 +1,9 @@
-#include "quorpkg/server/catalog_index.h"
+#include "quorpkg/package/catalog_index.h"
 
 #include <json/writer.h>
 
 #include <algorithm>
+#include <cctype>
 #include <system_error>
 #include <vector>
 
@@ -11,12 +12,28 @@
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/version.h"
 #include "quorpkg/package/md5.h"
-#include "quorpkg/server/http_client.h"
 
 namespace fs = std::filesystem;
 
 namespace quor {
 namespace {
+
+// `text` percent-encoded for use as one path segment of a URL.
+std::string escapeUrlSegment(const std::string& text) {
+    static const char* hex = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
 
 std::string manifestValue(const Manifest& manifest, const char* key) {
     const std::string* value = findValue(manifest.pairs, key);
