@@ -23,6 +23,7 @@
 #include "pkg_server.h"
 #include "quor_core.h"
 #include "quorpkg/package/catalog_index.h"
+#include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/store.h"
 
@@ -137,7 +138,7 @@ void ServerTest::installLocal(const PackageSource& source) {
     TempDir dir;
     InstallRequest request;
     request.file = buildTestPackage(dir.path(), source);
-    ASSERT_EQ(installPackage(request), kOk);
+    ASSERT_EQ(installPackage(request, serviceHooks()), kOk);
 }
 
 std::string ServerTest::installedVersion(const std::string& name) const {

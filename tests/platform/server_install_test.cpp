@@ -155,7 +155,7 @@ TEST_F(ServerInstall, AKeptPartIsContinuedOrStartedOverWhenTheServerCannotContin
 
     // A file:// server continues the part: a wrong first half then shows as
     // a checksum failure, the part is dropped, and the next try succeeds.
-    ASSERT_EQ(removePackages({"big"}), kOk);
+    ASSERT_EQ(removePackages({"big"}, serviceHooks()), kOk);
     writeText(layout::sourcesFile(), "quorserver file://" + repo.string() + "\n");
     writeText(part, wrongHalf);
     task = installFromServer("big", "volume1");
@@ -197,7 +197,7 @@ TEST_F(ServerInstall, ASecondRequestIsRefusedWhileTheFirstRuns) {
     EXPECT_EQ(waitForTask("slow").state, "done");
 
     // A task whose worker died is not running any more.
-    ASSERT_EQ(removePackages({"slow"}), kOk);
+    ASSERT_EQ(removePackages({"slow"}, serviceHooks()), kOk);
     const pid_t dead = ::fork();
     if (dead == 0) ::_exit(0);
     ::waitpid(dead, nullptr, 0);

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "quorpkg/scripts/script_runner.h"
+#include "quorpkg/store/package_scripts.h"
 #include "service_fixture.h"
 
 namespace quor::test {

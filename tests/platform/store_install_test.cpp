@@ -49,7 +49,7 @@ protected:
     int install(const PackageSource& source) {
         InstallRequest request;
         request.file = build(source);
-        return installPackage(request);
+        return installPackage(request, serviceHooks());
     }
 
     std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
@@ -174,13 +174,13 @@ TEST_F(StoreInstall, VolumeIsTheRequestedOneTheDefaultOrTheFirstOfTheRoomiest) {
     source.name = "second";
     request.file = build(source);
     request.volume = volume2;
-    ASSERT_EQ(installPackage(request), kOk);
+    ASSERT_EQ(installPackage(request, serviceHooks()), kOk);
     EXPECT_EQ(installedVolume("second"), volume2);
 
     request.volume = root.path() / "volume7";
     source.name = "third";
     request.file = build(source);
-    EXPECT_EQ(installPackage(request), kNoVolume);
+    EXPECT_EQ(installPackage(request, serviceHooks()), kNoVolume);
 
     writeText(layout::settingsFile(), "default_volume=\"/volume9\"\n");
     EXPECT_EQ(install(source), kNoVolume);

@@ -12,6 +12,7 @@
 #include "pkg_manager.h"
 #include "quorpkg/package/manifest.h"
 #include "quorpkg/store/dependencies.h"
+#include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 #include "test_support.h"
 
@@ -122,7 +123,7 @@ protected:
         if (!needs.empty()) source.info.emplace_back("install_dep_packages", needs);
         InstallRequest request;
         request.file = buildTestPackage(files.path(), source);
-        ASSERT_EQ(installPackage(request), kOk) << name;
+        ASSERT_EQ(installPackage(request, serviceHooks()), kOk) << name;
     }
 
     TempRoot root;

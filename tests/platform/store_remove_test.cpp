@@ -39,7 +39,7 @@ protected:
         for (auto& [script, body] : scripts) source.scripts[script] = body;
         InstallRequest request;
         request.file = buildTestPackage(files.path(), source);
-        ASSERT_EQ(installPackage(request), kOk) << name;
+        ASSERT_EQ(installPackage(request, serviceHooks()), kOk) << name;
     }
 
     std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
@@ -57,7 +57,7 @@ TEST_F(StoreRemove, GoesDependentsFirstAndLeavesNothingButTheLog) {
     ASSERT_TRUE(fs::is_symlink(layout::webEntry("top")));
 
     // Given requirements first and one twice: removed dependents first, once.
-    ASSERT_EQ(removePackages({"base", "mid", "top", "base"}), kOk);
+    ASSERT_EQ(removePackages({"base", "mid", "top", "base"}, serviceHooks()), kOk);
     EXPECT_EQ(trace(),
               "preuninst top\npostuninst top\npreuninst mid\npostuninst mid\n"
               "preuninst base\npostuninst base\n");
@@ -76,11 +76,11 @@ TEST_F(StoreRemove, GoesDependentsFirstAndLeavesNothingButTheLog) {
 TEST_F(StoreRemove, RefusesTheWholeRequestWhenOneNameIsWrongOrStillNeeded) {
     add("base");
     add("mid", "base");
-    EXPECT_EQ(removePackages({"base"}), kHasDependents);
-    EXPECT_EQ(removePackages({"mid", "ghost"}), kNoSuchPackage);
-    EXPECT_EQ(removePackages({"mid", ""}), kBadArgument);
-    EXPECT_EQ(removePackages({"../mid"}), kBadArgument);
-    EXPECT_EQ(removePackages({}), kBadArgument);
+    EXPECT_EQ(removePackages({"base"}, serviceHooks()), kHasDependents);
+    EXPECT_EQ(removePackages({"mid", "ghost"}, serviceHooks()), kNoSuchPackage);
+    EXPECT_EQ(removePackages({"mid", ""}, serviceHooks()), kBadArgument);
+    EXPECT_EQ(removePackages({"../mid"}, serviceHooks()), kBadArgument);
+    EXPECT_EQ(removePackages({}, serviceHooks()), kBadArgument);
     EXPECT_EQ(trace(), "");
     EXPECT_EQ(installedPackages(), (std::vector<std::string>{"base", "mid"}));
 
@@ -102,7 +102,7 @@ TEST_F(StoreRemove, StopsTheServiceFirstAndARefusingPreuninstKeepsThePackageRunn
     add("svc", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
     ASSERT_TRUE(isMarkedActive("svc"));
 
-    EXPECT_EQ(removePackages({"svc"}), kScriptFailed);
+    EXPECT_EQ(removePackages({"svc"}, serviceHooks()), kScriptFailed);
     EXPECT_EQ(trace(), "stop svc\npreuninst svc\n");
     EXPECT_TRUE(isInstalled("svc"));
     EXPECT_TRUE(isMarkedActive("svc"));
@@ -111,7 +111,7 @@ TEST_F(StoreRemove, StopsTheServiceFirstAndARefusingPreuninstKeepsThePackageRunn
 
     fs::remove(root.host("/trace"));
     writeText(layout::scriptsDir("svc") / "preuninst", tracer("preuninst"), 0755);
-    ASSERT_EQ(removePackages({"svc"}), kOk);
+    ASSERT_EQ(removePackages({"svc"}, serviceHooks()), kOk);
     EXPECT_EQ(trace(), "stop svc\npreuninst svc\npostuninst svc\n");
     EXPECT_FALSE(isMarkedActive("svc"));
     EXPECT_FALSE(fs::exists(root.host("/svc.running")));
@@ -121,7 +121,7 @@ TEST_F(StoreRemove, ABrokenPackageCanStillBeRemoved) {
     add("broken");
     fs::remove(layout::manifestFile("broken"));
     fs::remove(layout::scriptsDir("broken") / "preuninst");
-    ASSERT_EQ(removePackages({"broken"}), kOk);
+    ASSERT_EQ(removePackages({"broken"}, serviceHooks()), kOk);
     EXPECT_FALSE(isInstalled("broken"));
     EXPECT_FALSE(fs::exists(layout::appstoreDir(volume, "broken")));
 }

@@ -13,6 +13,7 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "pkg_manager.h"
+#include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/lock.h"
 #include "quorpkg/store/store.h"
@@ -56,7 +57,7 @@ bool killedAt(const std::string& step, const std::function<int()>& change) {
 int install(const fs::path& file) {
     InstallRequest request;
     request.file = file;
-    return installPackage(request);
+    return installPackage(request, serviceHooks());
 }
 
 class StoreSafety : public ::testing::Test {
@@ -131,7 +132,7 @@ TEST_F(StoreSafety, KilledInstallOrUpgradeLeavesTheOldOrTheNewPackageWhole) {
 
 TEST_F(StoreSafety, KilledRemovalLeavesThePackageOrNothing) {
     const fs::path one = build(demo("1.0", "one"));
-    crashAtEveryStep([&] { ASSERT_EQ(install(one), kOk); }, [] { return removePackages({"demo"}); },
+    crashAtEveryStep([&] { ASSERT_EQ(install(one), kOk); }, [] { return removePackages({"demo"}, serviceHooks()); },
                      {"remove-prepare"}, {"remove-commit", "remove-package", "remove-finish"});
 }
 
@@ -253,7 +254,7 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
 
     EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder) + "\n");
     EXPECT_EQ(install(build(PackageSource{})), kLocked);
-    EXPECT_EQ(removePackages({"demo"}), kLocked);
+    EXPECT_EQ(removePackages({"demo"}, serviceHooks()), kLocked);
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
     ::setenv("QUOR_PKG_LOCK_HELD", "1", 1);
     int code = kOk;

@@ -116,12 +116,12 @@ bool PackageManager::installZPK(const char* volume, std::string path, const std:
     quor::InstallRequest request;
     request.file = path;
     request.volume = volumeHostPath(volume);
-    int code = quor::installPackage(request);
+    int code = quor::installPackage(request, quor::serviceHooks());
     return code == quor::kOk || quor::fail(code);
 }
 
 bool PackageManager::uninstallPKGs(const std::vector<std::string>& names, bool runScripts) {
-    int code = quor::removePackages(names, runScripts);
+    int code = quor::removePackages(names, quor::serviceHooks(), runScripts);
     return code == quor::kOk || quor::fail(code);
 }
 

@@ -9,9 +9,9 @@
 
 #include "base/file_util.h"
 #include "base/result.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/version.h"
-#include "quorpkg/package/md5.h"
 
 namespace fs = std::filesystem;
 
@@ -33,7 +33,6 @@ std::string escapeUrlSegment(const std::string& text) {
     }
     return out;
 }
-
 
 std::string manifestValue(const Manifest& manifest, const char* key) {
     const std::string* value = findValue(manifest.pairs, key);

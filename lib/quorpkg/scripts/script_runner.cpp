@@ -14,7 +14,6 @@
 #include "base/settings.h"
 #include "base/system_root.h"
 #include "quorpkg/scripts/process_group.h"
-#include "quorpkg/store/store.h"
 
 namespace fs = std::filesystem;
 
@@ -53,13 +52,13 @@ std::string workingDirectory(const ScriptRun& run) {
     return fs::is_directory(dir, ec) ? dir.string() : rootDir().string();
 }
 
-std::string describe(const ScriptRun& run) {
+}  // namespace
+
+std::string describeRun(const ScriptRun& run) {
     std::string text = run.script.filename().string();
     for (const auto& arg : run.args) text += " " + arg;
     return text;
 }
-
-}  // namespace
 
 ScriptOutcome runScript(const ScriptRun& run) {
     ScriptOutcome outcome;
@@ -95,7 +94,7 @@ ScriptOutcome runScript(const ScriptRun& run) {
         outcome.launched = false;
         outcome.exitCode = 255;
         logPackageEvent(run.packageName,
-                        "cannot run " + describe(run) + ": " + std::strerror(error));
+                        "cannot run " + describeRun(run) + ": " + std::strerror(error));
         return outcome;
     }
 
@@ -105,37 +104,12 @@ ScriptOutcome runScript(const ScriptRun& run) {
         child->killGroup();
         outcome.timedOut = true;
         outcome.exitCode = 128 + SIGKILL;
-        logPackageEvent(run.packageName, describe(run) + " timed out after " +
+        logPackageEvent(run.packageName, describeRun(run) + " timed out after " +
                                              std::to_string(timeout) + " s and was killed");
         return outcome;
     }
     outcome.exitCode = *status;
     return outcome;
-}
-
-int runPackageScript(const std::string& name, const std::string& script,
-                     const std::vector<std::string>& args, const ScriptRun& base) {
-    ScriptRun run = base;
-    run.script = layout::scriptsDir(name) / script;
-    run.args = args;
-    run.packageName = name;
-    std::error_code ec;
-    if (!fs::exists(run.script, ec)) return kOk;
-    if (run.packageVersion.empty()) {
-        Manifest manifest;
-        if (readInstalledManifest(name, manifest) == kOk) run.packageVersion = manifest.version;
-    }
-    if (run.target.empty()) run.target = layout::targetLink(name);
-
-    ScriptOutcome outcome = runScript(run);
-    if (outcome.timedOut) return kScriptTimeout;
-    if (!outcome.launched || outcome.exitCode != 0) {
-        if (outcome.launched)
-            logPackageEvent(
-                name, describe(run) + " failed with status " + std::to_string(outcome.exitCode));
-        return kScriptFailed;
-    }
-    return kOk;
 }
 
 }  // namespace quor

@@ -36,11 +36,7 @@ struct ScriptOutcome {
 // left behind; a script that ends in time may leave a service it started.
 ScriptOutcome runScript(const ScriptRun& run);
 
-// Runs /var/packages/<name>/scripts/<script> when it exists (kOk when it
-// does not), with `base` for everything but script, args and name; an empty
-// version is read from the installed manifest, an empty target is the
-// package's target link. kOk, kScriptFailed or kScriptTimeout.
-int runPackageScript(const std::string& name, const std::string& script,
-                     const std::vector<std::string>& args, const ScriptRun& base = {});
+// The script and its arguments, as log lines name them ("postinst", "start-stop-status start").
+std::string describeRun(const ScriptRun& run);
 
 }  // namespace quor

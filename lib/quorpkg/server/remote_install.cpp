@@ -12,6 +12,7 @@
 #include "quorpkg/server/catalog.h"
 #include "quorpkg/server/offers.h"
 #include "quorpkg/server/requirements.h"
+#include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 
 namespace fs = std::filesystem;
@@ -84,7 +85,8 @@ public:
 
         for (const auto& [name, path] : order) {
             report(RemoteStep::kInstalling, name, 0, 0);
-            code = installPackage({path, request_.volume, request_.startService, request_.event});
+            code = installPackage({path, request_.volume, request_.startService, request_.event},
+                                  serviceHooks());
             if (code != kOk) return fail(code, error_, "installing " + name + " failed");
         }
         return kOk;

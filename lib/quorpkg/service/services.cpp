@@ -14,6 +14,7 @@
 #include "quorpkg/service/service_steps.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/lock.h"
+#include "quorpkg/store/package_scripts.h"
 #include "quorpkg/store/store.h"
 
 namespace fs = std::filesystem;

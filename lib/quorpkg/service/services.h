@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pkg_manager.h"
+#include "quorpkg/store/service_hooks.h"
 
 namespace quor {
 
@@ -70,5 +71,9 @@ bool isMarkedActive(const std::string& name);
 // kNoSuchPackage (or kBadArgument) when it is not installed; `code` is kOk
 // otherwise.
 std::string packageLogPath(const std::string& name, int& code);
+
+// Starting and stopping as the store's installs, upgrades and removals ask
+// for them.
+ServiceHooks& serviceHooks();
 
 }  // namespace quor

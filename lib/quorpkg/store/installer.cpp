@@ -9,17 +9,15 @@
 #include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/package/package_file.h"
-#include "quorpkg/scripts/script_runner.h"
-#include "quorpkg/service/services.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/install_checks.h"
 #include "quorpkg/store/lock.h"
+#include "quorpkg/store/package_scripts.h"
 #include "quorpkg/store/store.h"
 
 namespace fs = std::filesystem;
-using QUORPackageTool::PKG_INSTALLATION_TYPE_ENABLE;
 
 namespace quor {
 namespace {
@@ -31,7 +29,8 @@ int ioFailure(const std::error_code& ec) {
 // One install or upgrade, from the checks to the start of the new package.
 class Installation {
 public:
-    explicit Installation(const InstallRequest& request) : request_(request) {}
+    Installation(const InstallRequest& request, ServiceHooks& services)
+        : request_(request), services_(services) {}
 
     int run() {
         int code = prepare();
@@ -157,10 +156,8 @@ private:
         std::vector<std::string> dependents = dependentsOf(name(), true);
         dependents.pop_back();
         for (const std::string& dependent : dependents)
-            if (isMarkedActive(dependent)) stoppedDependents_.push_back(dependent);
-        ServiceRequest stop;
-        stop.event = request_.event;
-        int code = stopPackage(name(), stop);
+            if (services_.isActive(dependent)) stoppedDependents_.push_back(dependent);
+        int code = services_.stop(name(), request_.event);
         // The upgrade replaces the scripts that failed; it goes on.
         if (code != kOk)
             logPackageEvent(name(),
@@ -181,11 +178,9 @@ private:
     // The upgraded (or restored) package again if it was turned on, then the
     // dependents it had to stop, requirements first.
     void restart() {
-        ServiceRequest start;
-        start.event = request_.event;
-        if (wasEnabled_) startPackage(name(), start);
+        if (wasEnabled_) services_.start(name(), request_.event, false);
         for (auto it = stoppedDependents_.rbegin(); it != stoppedDependents_.rend(); ++it)
-            startPackage(*it, start);
+            services_.start(*it, request_.event, false);
     }
 
     void startAfterwards() {
@@ -194,10 +189,7 @@ private:
             return;
         }
         if (!request_.startService || (head_.scriptMask & kStartStopStatus) == 0) return;
-        ServiceRequest start;
-        start.type = PKG_INSTALLATION_TYPE_ENABLE;
-        start.event = request_.event;
-        int code = startPackage(name(), start);
+        int code = services_.start(name(), request_.event, true);
         if (code != kOk) {
             // Installed, but turned off: it would not run.
             std::error_code ec;
@@ -208,6 +200,7 @@ private:
     }
 
     const InstallRequest& request_;
+    ServiceHooks& services_;
     PackageFileHead head_;
     Change change_;
     ChangePaths paths_;
@@ -219,13 +212,13 @@ private:
 
 }  // namespace
 
-int installPackage(const InstallRequest& request) {
+int installPackage(const InstallRequest& request, ServiceHooks& services) {
     if (request.file.empty()) return kBadArgument;
     int code = kOk;
     std::optional<StoreLock> lock = StoreLock::acquire(code);
     if (!lock) return code;
     if (lock->fresh()) recoverUnfinishedChange();
-    return Installation(request).run();
+    return Installation(request, services).run();
 }
 
 }  // namespace quor

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "quorpkg/store/service_hooks.h"
+
 namespace quor {
 
 struct InstallRequest {
@@ -21,7 +23,7 @@ struct InstallRequest {
 // Installs, reinstalls or upgrades (same name, any version) from a package
 // file. kOk or a result code; the store is unchanged on failure. A new
 // package whose start fails stays installed, turned off, and kOk is returned.
-int installPackage(const InstallRequest& request);
+int installPackage(const InstallRequest& request, ServiceHooks& services);
 
 // The volume a package goes to: the one it is installed on, else
 // `requested` (a host path), else the default_volume setting, else the
@@ -33,7 +35,8 @@ int chooseVolume(const std::string& name, const std::filesystem::path& requested
 // name must be valid (kBadArgument) and installed (kNoSuchPackage), and no
 // other installed package may require one of them (kHasDependents). Without
 // `runScripts` the preuninst and postuninst scripts are skipped.
-int removePackages(const std::vector<std::string>& names, bool runScripts = true);
+int removePackages(const std::vector<std::string>& names, ServiceHooks& services,
+                   bool runScripts = true);
 
 // Rolls an unfinished change back or forward. Called under the lock by every
 // change; init() calls it too when the lock is free.

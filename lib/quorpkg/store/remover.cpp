@@ -4,14 +4,13 @@
 
 #include "base/package_log.h"
 #include "base/result.h"
-#include "quorpkg/scripts/script_runner.h"
-#include "quorpkg/service/services.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/journal.h"
 #include "quorpkg/store/lock.h"
+#include "quorpkg/store/package_scripts.h"
 #include "quorpkg/store/store.h"
 
 namespace fs = std::filesystem;
@@ -52,7 +51,7 @@ std::vector<std::string> removalOrder(const std::vector<std::string>& names) {
     return topologicalSort(records, order) == kOk ? order : names;
 }
 
-int removeOne(const std::string& name, bool runScripts) {
+int removeOne(const std::string& name, ServiceHooks& services, bool runScripts) {
     Change change;
     change.op = "remove";
     change.name = name;
@@ -63,7 +62,7 @@ int removeOne(const std::string& name, bool runScripts) {
     Manifest manifest;
     readInstalledManifest(name, manifest);
     const bool wasEnabled = isEnabled(name);
-    int code = stopPackage(name, {});
+    int code = services.stop(name, nullptr);
     // A package whose service will not stop still goes; its files are
     // taken from under it.
     if (code != kOk)
@@ -75,7 +74,7 @@ int removeOne(const std::string& name, bool runScripts) {
         if (code != kOk) {
             // Nothing was removed: the package runs again as it did.
             clearJournal(name);
-            if (wasEnabled) startPackage(name, {});
+            if (wasEnabled) services.start(name, nullptr, false);
             logPackageEvent(name, "removal refused by preuninst (" + std::to_string(code) + ")");
             return code;
         }
@@ -115,7 +114,7 @@ int removeOne(const std::string& name, bool runScripts) {
 
 }  // namespace
 
-int removePackages(const std::vector<std::string>& names, bool runScripts) {
+int removePackages(const std::vector<std::string>& names, ServiceHooks& services, bool runScripts) {
     if (names.empty()) return kBadArgument;
     int code = kOk;
     std::optional<StoreLock> lock = StoreLock::acquire(code);
@@ -125,7 +124,7 @@ int removePackages(const std::vector<std::string>& names, bool runScripts) {
     code = checkRequest(names, unique);
     if (code != kOk) return code;
     for (const std::string& name : removalOrder(unique)) {
-        code = removeOne(name, runScripts);
+        code = removeOne(name, services, runScripts);
         if (code != kOk) return code;
     }
     return kOk;
