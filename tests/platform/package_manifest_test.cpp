@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "base/result.h"
+#include "quorpkg/api/package_record.h"
 #include "quorpkg/package/manifest.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/version.h"

@@ -10,9 +10,10 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "pkg_manager.h"
+#include "quorpkg/api/package_record.h"
 #include "quorpkg/package/manifest.h"
-#include "quorpkg/store/dependencies.h"
 #include "quorpkg/service/services.h"
+#include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/installer.h"
 #include "test_support.h"
 
@@ -22,19 +23,23 @@ namespace {
 using QUORPackageTool::PackageInfo;
 using QUORPackageTool::PackageManager;
 
-// A record as a package file query gives it: `needs` is an
-// install_dep_packages value.
-PackageInfo record(const std::string& name, const std::string& needs = "") {
+// A package's manifest: `needs` is an install_dep_packages value.
+Manifest record(const std::string& name, const std::string& needs = "") {
     Manifest manifest;
     std::string info = "package=\"" + name + "\"\nversion=\"1.0\"\n";
     if (!needs.empty()) info += "install_dep_packages=\"" + needs + "\"\n";
     EXPECT_EQ(parseManifest(info, manifest), kOk) << info;
+    return manifest;
+}
+
+// The record a package file query gives for it.
+PackageInfo infoRecord(const std::string& name, const std::string& needs = "") {
     PackageInfo out;
-    fillPackageInfo(manifest, 0, out);
+    fillPackageInfo(record(name, needs), 0, out);
     return out;
 }
 
-std::vector<std::string> sorted(const std::vector<PackageInfo>& records, int expected = kOk) {
+std::vector<std::string> sorted(const std::vector<Manifest>& records, int expected = kOk) {
     std::vector<std::string> out = {"stale"};
     EXPECT_EQ(topologicalSort(records, out), expected);
     return out;
@@ -56,7 +61,7 @@ TEST(StoreOrder, SortPutsDependentsFirstAndLetsInputOrderDecideTheRest) {
                      kDependencyCycle),
               Names{});
     PackageManager manager;
-    std::vector<PackageInfo> cycle = {record("p", "q"), record("q", "p")};
+    std::vector<PackageInfo> cycle = {infoRecord("p", "q"), infoRecord("q", "p")};
     Names out;
     EXPECT_FALSE(manager.topologicalSortPkgs(&cycle, out));
     EXPECT_EQ(manager.getResult(), kDependencyCycle);
@@ -91,7 +96,7 @@ TEST(StoreOrder, SortMatchesTheSlowDefinitionOnLargeRandomSets) {
         for (size_t i = 0; i < size; ++i) rank[i] = i;
         std::shuffle(rank.begin(), rank.end(), random);
         std::vector<std::pair<std::string, std::set<std::string>>> graph(size);
-        std::vector<PackageInfo> records;
+        std::vector<Manifest> records;
         for (size_t i = 0; i < size; ++i) {
             graph[i].first = "p" + std::to_string(rank[i]);
             std::string needs;

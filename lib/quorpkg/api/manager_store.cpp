@@ -8,6 +8,7 @@
 #include "base/system_root.h"
 #include "manager_state.h"
 #include "pkg_manager.h"
+#include "quorpkg/api/package_record.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/dependencies.h"
@@ -23,7 +24,7 @@ namespace {
 
 bool lookUp(const std::string& name, PackageInfo& out) {
     if (!quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
-    int code = quor::readInstalledInfo(name, out);
+    int code = quor::readInstalledRecord(name, out);
     return code == quor::kOk || quor::fail(code);
 }
 
@@ -81,7 +82,7 @@ bool PackageManager::enumPackageInfo(std::vector<PackageInfo>& out, const char*,
     for (const std::string& name : quor::installedPackages()) {
         PackageInfo info;
         // A package whose manifest cannot be read has no record to give.
-        if (quor::readInstalledInfo(name, info) == quor::kOk) out.push_back(std::move(info));
+        if (quor::readInstalledRecord(name, info) == quor::kOk) out.push_back(std::move(info));
     }
     return true;
 }
@@ -107,7 +108,14 @@ bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& 
 bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
                                          std::vector<std::string>& out) {
     if (packages == nullptr) return quor::fail(quor::kBadArgument);
-    int code = quor::topologicalSort(*packages, out);
+    std::vector<quor::Manifest> manifests;
+    for (const PackageInfo& info : *packages) {
+        quor::Manifest manifest;
+        manifest.name = info.name;
+        manifest.depends = quor::dependenciesOf(info);
+        manifests.push_back(std::move(manifest));
+    }
+    int code = quor::topologicalSort(manifests, out);
     return code == quor::kOk || quor::fail(code);
 }
 

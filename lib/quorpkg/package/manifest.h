@@ -8,7 +8,6 @@
 
 #include "base/key_value.h"
 #include "base/settings.h"
-#include "pkg_manager.h"
 
 namespace quor {
 
@@ -50,18 +49,6 @@ std::string formatManifest(const Manifest& manifest);
 
 // "name>=1.2" and the like; nothing when the item is malformed.
 std::optional<Dependency> parseDependency(std::string_view item);
-
-// Fills the record fields from the manifest: name, version, description,
-// maintainer, manager_url, displayname, ui_dir, beta, admin_port,
-// script_mask, list_a (services), basic_list_a (dependencies: name in
-// basic_text_a, "op version" joined as in ">=1.2" in basic_text_b),
-// basic_list_b (conflicts) and extra.fields (firmware, arch, checksum and
-// unknown keys).
-void fillPackageInfo(const Manifest& manifest, int scriptMask, QUORPackageTool::PackageInfo& out);
-
-// The dependencies of a record filled by fillPackageInfo. A constraint that
-// cannot be read keeps its text, so that it is never met.
-std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info);
 
 // Whether this device can run the package: kOk, kWrongArch when the package
 // is built for another machine (an empty arch or "noarch" fits any), or

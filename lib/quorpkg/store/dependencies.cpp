@@ -159,15 +159,14 @@ std::vector<std::string> installOrder() {
     return namesInOrder(installedNodes(), false);
 }
 
-int topologicalSort(const std::vector<QUORPackageTool::PackageInfo>& packages,
-                    std::vector<std::string>& out) {
+int topologicalSort(const std::vector<Manifest>& packages, std::vector<std::string>& out) {
     std::vector<Node> nodes;
     std::unordered_set<std::string> seen;
-    for (const auto& info : packages) {
+    for (const Manifest& package : packages) {
         // The first record of a name stands for it.
-        if (!seen.insert(info.name).second) continue;
-        Node node{info.name, {}};
-        for (const Dependency& dependency : dependenciesOf(info))
+        if (!seen.insert(package.name).second) continue;
+        Node node{package.name, {}};
+        for (const Dependency& dependency : package.depends)
             node.requires_.push_back(dependency.name);
         nodes.push_back(std::move(node));
     }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "pkg_manager.h"
+#include "quorpkg/package/manifest.h"
 
 namespace quor {
 
@@ -16,11 +16,10 @@ std::vector<std::string> dependentsOf(const std::string& name, bool recursive);
 // Every installed package, each after the packages it requires.
 std::vector<std::string> installOrder();
 
-// The names of `packages`, each before the records it depends on;
+// The names of `packages`, each before the packages it requires;
 // requirements outside the set are ignored, a name given twice counts once,
 // and among packages free to go next the input order decides. Linear in the
 // number of records and dependencies. kOk, or kDependencyCycle.
-int topologicalSort(const std::vector<QUORPackageTool::PackageInfo>& packages,
-                    std::vector<std::string>& out);
+int topologicalSort(const std::vector<Manifest>& packages, std::vector<std::string>& out);
 
 }  // namespace quor

@@ -40,15 +40,15 @@ int checkRequest(const std::vector<std::string>& names, std::vector<std::string>
 
 // The request, each package before the ones it requires.
 std::vector<std::string> removalOrder(const std::vector<std::string>& names) {
-    std::vector<QUORPackageTool::PackageInfo> records;
+    std::vector<Manifest> manifests;
     for (const std::string& name : names) {
-        QUORPackageTool::PackageInfo info;
+        Manifest manifest;
         // A broken package has no known requirements; it still goes.
-        if (readInstalledInfo(name, info) != kOk) info.name = name;
-        records.push_back(std::move(info));
+        if (readInstalledManifest(name, manifest) != kOk) manifest.name = name;
+        manifests.push_back(std::move(manifest));
     }
     std::vector<std::string> order;
-    return topologicalSort(records, order) == kOk ? order : names;
+    return topologicalSort(manifests, order) == kOk ? order : names;
 }
 
 int removeOne(const std::string& name, ServiceHooks& services, bool runScripts) {

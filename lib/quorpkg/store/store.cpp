@@ -56,17 +56,6 @@ int installedScriptMask(const std::string& name) {
     return scriptMaskIn(layout::scriptsDir(name));
 }
 
-int readInstalledInfo(const std::string& name, QUORPackageTool::PackageInfo& out) {
-    const fs::path dir = layout::packageDir(name);
-    Manifest manifest;
-    int code = readManifestIn(dir, name, manifest);
-    if (code != kOk) return code;
-    QUORPackageTool::PackageInfo info;
-    fillPackageInfo(manifest, scriptMaskIn(dir / "scripts"), info);
-    out = std::move(info);
-    return kOk;
-}
-
 // Where the target link points, as a host path (the link may dangle).
 static fs::path targetLinkDestination(const std::string& name) {
     std::error_code ec;

@@ -22,9 +22,6 @@ int readInstalledManifest(const std::string& name, Manifest& out);
 // The script_mask of an installed package, from its scripts/ folder.
 int installedScriptMask(const std::string& name);
 
-// kOk with the record, kNoSuchPackage or kBroken.
-int readInstalledInfo(const std::string& name, QUORPackageTool::PackageInfo& out);
-
 // The package's payload directory (the target link resolved), empty if none.
 std::filesystem::path installedTarget(const std::string& name);
 

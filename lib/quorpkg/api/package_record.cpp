@@ -1,9 +1,12 @@
 // The platform's package record (PackageInfo) filled from a manifest, and
 // the dependencies read back from such a record.
+#include "quorpkg/api/package_record.h"
+
 #include <array>
 #include <string_view>
 
-#include "quorpkg/package/manifest.h"
+#include "base/result.h"
+#include "quorpkg/store/store.h"
 
 namespace quor {
 namespace {
@@ -82,6 +85,16 @@ std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info)
         deps.push_back(std::move(dep));
     }
     return deps;
+}
+
+int readInstalledRecord(const std::string& name, QUORPackageTool::PackageInfo& out) {
+    Manifest manifest;
+    int code = readInstalledManifest(name, manifest);
+    if (code != kOk) return code;
+    QUORPackageTool::PackageInfo info;
+    fillPackageInfo(manifest, installedScriptMask(name), info);
+    out = std::move(info);
+    return kOk;
 }
 
 }  // namespace quor
