@@ -58,9 +58,10 @@ TEST_F(StoreRemove, GoesDependentsFirstAndLeavesNothingButTheLog) {
 
     // Given requirements first and one twice: removed dependents first, once.
     ASSERT_EQ(removePackages({"base", "mid", "top", "base"}, serviceHooks()), kOk);
+    // Every package agrees before any goes.
     EXPECT_EQ(trace(),
-              "preuninst top\npostuninst top\npreuninst mid\npostuninst mid\n"
-              "preuninst base\npostuninst base\n");
+              "preuninst top\npreuninst mid\npreuninst base\n"
+              "postuninst top\npostuninst mid\npostuninst base\n");
     EXPECT_EQ(installedPackages(), std::vector<std::string>{"other"});
     for (const char* name : {"base", "mid", "top"}) {
         EXPECT_FALSE(fs::exists(layout::packageDir(name))) << name;
@@ -115,6 +116,31 @@ TEST_F(StoreRemove, StopsTheServiceFirstAndARefusingPreuninstKeepsThePackageRunn
     EXPECT_EQ(trace(), "stop svc\npreuninst svc\npostuninst svc\n");
     EXPECT_FALSE(isMarkedActive("svc"));
     EXPECT_FALSE(fs::exists(root.host("/svc.running")));
+}
+
+TEST_F(StoreRemove, OneRefusingPreuninstKeepsEveryNamedPackageInstalledAndRunning) {
+    const std::string service =
+        "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
+        "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
+        "\"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
+        "status) [ -f \"$QUOR_ROOT/$QUOR_PKG_NAME.running\" ] && exit 0; exit 3;;\nesac\n";
+    add("b", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
+    add("a", "b", {{"start-stop-status", service}});
+    add("c", "", {{"start-stop-status", service}});
+    const fs::path appA = layout::appstoreDir(volume, "a");
+
+    EXPECT_EQ(removePackages({"c", "b", "a"}, serviceHooks()), kScriptFailed);
+    // a goes before b, which it needs; c agreed, but b did not: nothing goes.
+    EXPECT_EQ(trace(), "stop c\npreuninst c\nstop a\npreuninst a\nstop b\npreuninst b\n");
+    EXPECT_EQ(installedPackages(), (std::vector<std::string>{"a", "b", "c"}));
+    for (const char* name : {"a", "b", "c"}) {
+        EXPECT_TRUE(isMarkedActive(name)) << name;
+        EXPECT_TRUE(fs::exists(root.host("/" + std::string(name) + ".running"))) << name;
+        EXPECT_TRUE(fs::exists(layout::appstoreDir(volume, name))) << name;
+        EXPECT_TRUE(fs::is_symlink(layout::webEntry(name))) << name;
+    }
+    EXPECT_TRUE(fs::exists(appA / "ui/index.html"));
+    EXPECT_TRUE(fs::is_empty(layout::journalDir()));
 }
 
 TEST_F(StoreRemove, ABrokenPackageCanStillBeRemoved) {

@@ -132,8 +132,9 @@ TEST_F(StoreSafety, KilledInstallOrUpgradeLeavesTheOldOrTheNewPackageWhole) {
 
 TEST_F(StoreSafety, KilledRemovalLeavesThePackageOrNothing) {
     const fs::path one = build(demo("1.0", "one"));
-    crashAtEveryStep([&] { ASSERT_EQ(install(one), kOk); }, [] { return removePackages({"demo"}, serviceHooks()); },
-                     {"remove-prepare"}, {"remove-commit", "remove-package", "remove-finish"});
+    crashAtEveryStep([&] { ASSERT_EQ(install(one), kOk); },
+                     [] { return removePackages({"demo"}, serviceHooks()); }, {"remove-prepare"},
+                     {"remove-commit", "remove-package", "remove-finish"});
 }
 
 TEST_F(StoreSafety, KilledRollbackOfAFailedScriptStillEndsWithTheOldPackage) {

@@ -51,66 +51,126 @@ std::vector<std::string> removalOrder(const std::vector<std::string>& names) {
     return topologicalSort(manifests, order) == kOk ? order : names;
 }
 
-int removeOne(const std::string& name, ServiceHooks& services, bool runScripts) {
+// A package on its way out, from its pre-removal checks on.
+struct Leaving {
     Change change;
-    change.op = "remove";
-    change.name = name;
-    change.step = "prepare";
-    change.volume = installedVolume(name);
-    if (!writeJournal(change)) return kStoreUnusable;
-
     Manifest manifest;
-    readInstalledManifest(name, manifest);
-    const bool wasEnabled = isEnabled(name);
-    int code = services.stop(name, nullptr);
-    // A package whose service will not stop still goes; its files are
-    // taken from under it.
-    if (code != kOk)
-        logPackageEvent(name, "stop before removal failed (" + std::to_string(code) + ")");
-    ScriptRun base;
-    base.packageVersion = manifest.version;
-    if (runScripts) {
-        code = runPackageScript(name, "preuninst", {}, base);
-        if (code != kOk) {
-            // Nothing was removed: the package runs again as it did.
-            clearJournal(name);
-            if (wasEnabled) services.start(name, nullptr, false);
-            logPackageEvent(name, "removal refused by preuninst (" + std::to_string(code) + ")");
-            return code;
+    bool wasEnabled = false;
+};
+
+// Removes the named packages together: every package is stopped and asked
+// (preuninst) first, and only when all agree is any of them removed.
+class Removal {
+public:
+    Removal(ServiceHooks& services, bool runScripts)
+        : services_(services), runScripts_(runScripts) {}
+
+    int run(const std::vector<std::string>& order) {
+        for (const std::string& name : order) {
+            int code = prepare(name);
+            if (code != kOk) {
+                giveBack(0);
+                if (refused_)
+                    logPackageEvent(name,
+                                    "removal refused by preuninst (" + std::to_string(code) + ")");
+                return code;
+            }
+        }
+        for (size_t i = 0; i < leaving_.size(); ++i) {
+            int code = remove(leaving_[i]);
+            if (code != kOk) {
+                giveBack(i + 1);
+                return code;
+            }
+        }
+        return kOk;
+    }
+
+private:
+    // Stops the package and runs its preuninst; kOk when it may go.
+    int prepare(const std::string& name) {
+        Leaving package;
+        Change& change = package.change;
+        change.op = "remove";
+        change.name = name;
+        change.step = "prepare";
+        change.volume = installedVolume(name);
+        if (!writeJournal(change)) return kStoreUnusable;
+        readInstalledManifest(name, package.manifest);
+        package.wasEnabled = isEnabled(name);
+        leaving_.push_back(std::move(package));
+
+        int code = services_.stop(name, nullptr);
+        // A package whose service will not stop still goes; its files are
+        // taken from under it.
+        if (code != kOk)
+            logPackageEvent(name, "stop before removal failed (" + std::to_string(code) + ")");
+        if (runScripts_) {
+            code = runPackageScript(name, "preuninst", {}, scriptBase(leaving_.back()));
+            if (code != kOk) {
+                refused_ = true;
+                return code;
+            }
+        }
+        failpoint("remove-prepare");
+        return kOk;
+    }
+
+    // Nothing of the packages from `first` on was removed: they run again as
+    // they did, requirements first.
+    void giveBack(size_t first) {
+        for (size_t i = leaving_.size(); i-- > first;) {
+            clearJournal(leaving_[i].change.name);
+            if (leaving_[i].wasEnabled) services_.start(leaving_[i].change.name, nullptr, false);
         }
     }
-    failpoint("remove-prepare");
-    change.step = "commit";
-    if (!writeJournal(change)) return kStoreUnusable;
-    failpoint("remove-commit");
-    if (!commitRemoval(change)) {
-        // Undone here; the journal is left for the next change otherwise.
-        const ChangePaths paths = changePaths(change);
+
+    static ScriptRun scriptBase(const Leaving& package) {
+        ScriptRun base;
+        base.packageVersion = package.manifest.version;
+        return base;
+    }
+
+    int remove(Leaving& package) {
+        Change& change = package.change;
+        const std::string& name = change.name;
+        change.step = "commit";
+        if (!writeJournal(change)) return kStoreUnusable;
+        failpoint("remove-commit");
+        if (!commitRemoval(change)) {
+            // Undone here; the journal is left for the next change otherwise.
+            const ChangePaths paths = changePaths(change);
+            std::error_code ec;
+            if (!fs::exists(paths.package, ec)) fs::rename(paths.packageOld, paths.package, ec);
+            if (!paths.oldApp.empty() && !fs::exists(paths.oldApp, ec))
+                fs::rename(paths.appOld, paths.oldApp, ec);
+            if (!ec) clearJournal(name);
+            return kStoreUnusable;
+        }
+        removeWebEntry(name);
+        failpoint("remove-finish");
+        // postuninst runs from the set-aside copy: the package is gone by now.
+        const fs::path postuninst = changePaths(change).packageOld / "scripts" / "postuninst";
         std::error_code ec;
-        if (!fs::exists(paths.package, ec)) fs::rename(paths.packageOld, paths.package, ec);
-        if (!paths.oldApp.empty() && !fs::exists(paths.oldApp, ec))
-            fs::rename(paths.appOld, paths.oldApp, ec);
-        if (!ec) clearJournal(name);
-        return kStoreUnusable;
+        if (runScripts_ && fs::exists(postuninst, ec)) {
+            ScriptRun run = scriptBase(package);
+            run.script = postuninst;
+            run.packageName = name;
+            ScriptOutcome outcome = runScript(run);
+            if (outcome.timedOut || !outcome.launched || outcome.exitCode != 0)
+                logPackageEvent(
+                    name, "postuninst failed with status " + std::to_string(outcome.exitCode));
+        }
+        finishRemoval(change);
+        logPackageEvent(name, "removed version " + package.manifest.version);
+        return kOk;
     }
-    removeWebEntry(name);
-    failpoint("remove-finish");
-    // postuninst runs from the set-aside copy: the package is gone by now.
-    const fs::path postuninst = changePaths(change).packageOld / "scripts" / "postuninst";
-    std::error_code ec;
-    if (runScripts && fs::exists(postuninst, ec)) {
-        ScriptRun run = base;
-        run.script = postuninst;
-        run.packageName = name;
-        ScriptOutcome outcome = runScript(run);
-        if (outcome.timedOut || !outcome.launched || outcome.exitCode != 0)
-            logPackageEvent(name,
-                            "postuninst failed with status " + std::to_string(outcome.exitCode));
-    }
-    finishRemoval(change);
-    logPackageEvent(name, "removed version " + manifest.version);
-    return kOk;
-}
+
+    ServiceHooks& services_;
+    const bool runScripts_;
+    std::vector<Leaving> leaving_;
+    bool refused_ = false;
+};
 
 }  // namespace
 
@@ -123,11 +183,7 @@ int removePackages(const std::vector<std::string>& names, ServiceHooks& services
     std::vector<std::string> unique;
     code = checkRequest(names, unique);
     if (code != kOk) return code;
-    for (const std::string& name : removalOrder(unique)) {
-        code = removeOne(name, services, runScripts);
-        if (code != kOk) return code;
-    }
-    return kOk;
+    return Removal(services, runScripts).run(removalOrder(unique));
 }
 
 }  // namespace quor
