@@ -98,7 +98,7 @@ TEST(E2eInstall, AChangeKilledHalfwayIsFinishedByTheNextRun) {
     const std::string file = device.package(demo("1.0"));
     // Killed with the payload in place but not yet the package directory.
     ::setenv("QUOR_FAILPOINT", "install-payload", 1);
-    RunResult killed = device.quorpkg({"install", file});
+    RunResult killed = device.crashableQuorpkg({"install", file});
     ::unsetenv("QUOR_FAILPOINT");
     EXPECT_EQ(killed.status, -1);
     EXPECT_EQ(killed.out, "");
@@ -106,11 +106,24 @@ TEST(E2eInstall, AChangeKilledHalfwayIsFinishedByTheNextRun) {
     EXPECT_EQ(readFile(device.root().host("/volume1/@appstore/demo/bin/demo")), "demo 1.0");
 
     ::setenv("QUOR_FAILPOINT", "remove-package", 1);
-    EXPECT_EQ(device.quorpkg({"uninstall", "demo"}).status, -1);
+    EXPECT_EQ(device.crashableQuorpkg({"uninstall", "demo"}).status, -1);
     ::unsetenv("QUOR_FAILPOINT");
     EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "\n");
     EXPECT_FALSE(fs::exists(device.root().host("/volume1/@appstore/demo")));
     EXPECT_TRUE(fs::is_empty(device.root().host("/var/packages/.journal")));
+}
+
+TEST(E2eInstall, TheProductHasNoCrashPoints) {
+    Device device;
+    const std::string file = device.package(demo("1.0"));
+    ::setenv("QUOR_FAILPOINT", "install-payload", 1);
+    RunResult installed = device.quorpkg({"install", file});
+    ::setenv("QUOR_FAILPOINT", "remove-package", 1);
+    RunResult removed = device.quorpkg({"uninstall", "demo"});
+    ::unsetenv("QUOR_FAILPOINT");
+    EXPECT_EQ(installed.status, 0);
+    EXPECT_EQ(removed.status, 0);
+    EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "\n");
 }
 
 TEST(E2eInstall, AScriptMayChangeAnotherPackageUnderItsParentsLock) {

@@ -51,6 +51,10 @@ RunResult Device::quorpkg(const std::vector<std::string>& args) const {
     return runProgram(QUORPKG_BINARY, args, files_.path());
 }
 
+RunResult Device::crashableQuorpkg(const std::vector<std::string>& args) const {
+    return runProgram(QUORPKG_FAILPOINTS_BINARY, args, files_.path());
+}
+
 void Device::expect(const std::vector<std::string>& args, const std::string& out,
                     int status) const {
     const RunResult result = quorpkg(args);

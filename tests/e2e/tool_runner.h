@@ -29,6 +29,9 @@ public:
 
     // quorpkg <args...>, run in the package-file folder.
     RunResult quorpkg(const std::vector<std::string>& args) const;
+    // The same, by the tool built with the store's crash points armed
+    // (QUOR_FAILPOINT), which the product leaves out.
+    RunResult crashableQuorpkg(const std::vector<std::string>& args) const;
     // Runs quorpkg <args...> and checks its exact output and exit status.
     void expect(const std::vector<std::string>& args, const std::string& out, int status) const;
 
