@@ -63,7 +63,7 @@ TEST_F(ServerInstall, GoesToTheDefaultVolumeANamedOneOrWhereTheDownloadFits) {
 
     // A default volume that does not exist: the staging folder chosen for
     // the download's size names the volume instead.
-    writeText(layout::settingsFile(), "default_volume=\"volume9\"\n");
+    writeSettings("default_volume=\"volume9\"\n");
     std::string chosen;
     EXPECT_FALSE(QUORPackageTool::PMSGetPackageDefVol(chosen));
     EXPECT_EQ(lastResult(), kNoVolume);

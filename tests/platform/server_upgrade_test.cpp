@@ -83,7 +83,7 @@ TEST_F(ServerUpgrade, WithoutAListTheAutoUpgradeSettingDecides) {
     EXPECT_EQ(versions(), "app 1.1;helper 1.0;lib 1.0;");
     EXPECT_EQ(readFile(layout::varDir("app") / "data"), "kept");
 
-    writeText(layout::settingsFile(), "auto_upgrade=\"all\"\n");
+    writeSettings("auto_upgrade=\"all\"\n");
     ASSERT_TRUE(PMSCheckUpgrade(true, nullptr, "", nullptr));
     EXPECT_EQ(versions(), "app 1.1;helper 1.0;lib 1.1;");
 }

@@ -120,7 +120,7 @@ TEST_F(StoreInstall, ServiceIsTurnedOnAndStartedAndAFailedStartLeavesItOff) {
 }
 
 TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
-    writeText(layout::settingsFile(), "default_volume=\"volume2\"\n");
+    writeSettings("default_volume=\"volume2\"\n");
     PackageSource v1;
     v1.files = {{"bin/demo", "one"}, {"only-in-one", "x"}};
     v1.scripts = {{"start-stop-status", service("demo")}};
@@ -130,7 +130,7 @@ TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
     clearTrace();
 
     // A later default does not move an installed package.
-    writeText(layout::settingsFile(), "default_volume=\"volume1\"\n");
+    writeSettings("default_volume=\"volume1\"\n");
     PackageSource v2 = v1;
     v2.version = "2.0-0001";
     v2.files = {{"bin/demo", "two"}};
@@ -182,9 +182,9 @@ TEST_F(StoreInstall, VolumeIsTheRequestedOneTheDefaultOrTheFirstOfTheRoomiest) {
     request.file = build(source);
     EXPECT_EQ(installPackage(request, serviceHooks()), kNoVolume);
 
-    writeText(layout::settingsFile(), "default_volume=\"/volume9\"\n");
+    writeSettings("default_volume=\"/volume9\"\n");
     EXPECT_EQ(install(source), kNoVolume);
-    writeText(layout::settingsFile(), "default_volume=\"/volume2\"\n");
+    writeSettings("default_volume=\"/volume2\"\n");
     ASSERT_EQ(install(source), kOk);
     EXPECT_EQ(installedVolume("third"), volume2);
 

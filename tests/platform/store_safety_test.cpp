@@ -2,6 +2,7 @@
 // step of a change, and changes that run at the same time.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -232,7 +233,7 @@ TEST_F(StoreSafety, TwoInstallsStartedAtOnceRunOneAfterTheOther) {
 
 TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     Device device(nullptr);
-    writeText(layout::settingsFile(), "lock_timeout=\"0\"\n");
+    writeSettings("lock_timeout=\"0\"\n");
     int held[2], release[2];
     ASSERT_EQ(::pipe(held), 0);
     ASSERT_EQ(::pipe(release), 0);
@@ -271,6 +272,22 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     EXPECT_EQ(readFile(layout::lockFile()), "");
 }
 
+// The code of `change` run in a child process whose writes fail past
+// `bytes` (EFBIG, with SIGXFSZ ignored), as they fail on a full disk: a
+// full volume that needs no privileges to make.
+int withFileSizeLimit(rlim_t bytes, const std::function<int()>& change) {
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, bytes};
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(255);
+        ::_exit(change());
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 // A small tmpfs mounted over a folder for the object's life.
 class SmallVolume {
 public:
@@ -289,32 +306,48 @@ private:
     bool mounted_ = false;
 };
 
-TEST_F(StoreSafety, AFullVolumeRefusesTheChangeAndKeepsTheStore) {
-    TempRoot root;
-    SmallVolume volume(root.host("/volume1"), "1m");
-    if (!volume.mounted()) GTEST_SKIP() << "mounting a tmpfs needs privileges this run lacks";
+// An upgrade and a new install that do not fit, against demo 1.0 with data
+// that must survive: each is refused with kNoSpace and the store is as before.
+void expectFullVolumeKeepsTheStore(const fs::path& root, const fs::path& files,
+                                   const std::function<int(const fs::path&)>& install) {
     QUORPackageTool::PackageManager manager;
     ASSERT_TRUE(manager.init());
-    ASSERT_EQ(install(build(demo("1.0", "one"))), kOk);
+    ASSERT_EQ(quor::test::install(buildTestPackage(files, demo("1.0", "one"))), kOk);
     writeText(layout::varDir("demo") / "data", "kept");
-    const Snapshot old = snapshot(root.path());
+    const Snapshot old = snapshot(root);
 
     // Zeros pack small, so the package file fits and only the unpack fills
     // the volume.
     PackageSource big = demo("2.0", "two");
     big.files["share/zeros"] = std::string(4 << 20, '\0');
-    const fs::path upgrade = build(big);
+    const fs::path upgrade = buildTestPackage(files, big);
     big.name = "other";
-    const fs::path fresh = build(big);
+    const fs::path fresh = buildTestPackage(files, big);
     ASSERT_LT(fs::file_size(upgrade), 512u << 10);
 
     EXPECT_EQ(install(upgrade), kNoSpace);
-    EXPECT_EQ(snapshot(root.path()), old);
+    EXPECT_EQ(snapshot(root), old);
     EXPECT_EQ(install(fresh), kNoSpace);
-    EXPECT_EQ(snapshot(root.path()), old);
+    EXPECT_EQ(snapshot(root), old);
     Manifest manifest;
     ASSERT_EQ(readInstalledManifest("demo", manifest), kOk);
     EXPECT_EQ(manifest.version, "1.0");
+}
+
+TEST_F(StoreSafety, AFullVolumeRefusesTheChangeAndKeepsTheStore) {
+    TempRoot root;
+    root.addVolume(1);
+    expectFullVolumeKeepsTheStore(root.path(), files.path(), [](const fs::path& file) {
+        return withFileSizeLimit(1 << 20, [&] { return install(file); });
+    });
+}
+
+// The same on a real full file system (ENOSPC), where mounting is allowed.
+TEST_F(StoreSafety, AFullTmpfsVolumeRefusesTheChangeAndKeepsTheStore) {
+    TempRoot root;
+    SmallVolume volume(root.host("/volume1"), "1m");
+    if (!volume.mounted()) GTEST_SKIP() << "mounting a tmpfs needs privileges this run lacks";
+    expectFullVolumeKeepsTheStore(root.path(), files.path(), install);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "base/key_value.h"
+#include "base/layout.h"
 #include "quorpkg/package/package_writer.h"
 
 namespace quor::test {
@@ -52,6 +53,7 @@ TempRoot::TempRoot() {
         previous_ = old;
     }
     ::setenv("QUOR_ROOT", dir_.path().c_str(), 1);
+    writeSettings("");
 }
 
 TempRoot::~TempRoot() {
@@ -70,6 +72,12 @@ fs::path TempRoot::addVolume(int number) const {
     fs::path volume = path() / ("volume" + std::to_string(number));
     fs::create_directories(volume);
     return volume;
+}
+
+void writeSettings(std::string_view lines) {
+    // The first value of a key counts, so `lines` may override the
+    // short lock wait that makes a leaked lock fail a test in seconds.
+    writeText(layout::settingsFile(), std::string(lines) + "lock_timeout=\"2\"\n");
 }
 
 void writeText(const fs::path& file, std::string_view content, mode_t mode) {

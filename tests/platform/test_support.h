@@ -36,7 +36,7 @@ private:
 
 // A temporary system root: QUOR_ROOT points at a fresh directory for the
 // object's life, then gets back its previous value (or is unset) and the
-// directory is removed.
+// directory is removed. Its settings wait at most 2 s for the store lock.
 class TempRoot {
 public:
     TempRoot();
@@ -55,6 +55,10 @@ private:
     bool hadPrevious_ = false;
     std::string previous_;
 };
+
+// Replaces the settings of the current root with `lines` (key="value"
+// lines), keeping the short lock wait of TempRoot unless they set their own.
+void writeSettings(std::string_view lines);
 
 // Writes `content` to `file`, creating its parent directories.
 void writeText(const fs::path& file, std::string_view content, mode_t mode = 0644);

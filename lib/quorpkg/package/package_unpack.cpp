@@ -22,7 +22,8 @@ namespace quor {
 namespace {
 
 int codeForErrno(int err) {
-    if (err == ENOSPC || err == EDQUOT) return kNoSpace;
+    // EFBIG: past the process's file-size limit, which is no room either.
+    if (err == ENOSPC || err == EDQUOT || err == EFBIG) return kNoSpace;
     // libarchive's own refusals (its SECURE_* checks) carry its "misc"
     // error number, -1, instead of a system one.
     if (err == -1) return kUnsafeEntry;

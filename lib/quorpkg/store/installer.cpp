@@ -23,7 +23,8 @@ namespace quor {
 namespace {
 
 int ioFailure(const std::error_code& ec) {
-    return ec.value() == ENOSPC || ec.value() == EDQUOT ? kNoSpace : kStoreUnusable;
+    const int err = ec.value();
+    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kNoSpace : kStoreUnusable;
 }
 
 // One install or upgrade, from the checks to the start of the new package.
