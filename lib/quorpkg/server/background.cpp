@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "base/operation.h"
 #include "base/package_log.h"
 #include "base/result.h"
 #include "quor_core.h"
@@ -25,7 +26,7 @@ constexpr uint64_t kProgressStep = 1 << 20;
 
 int failWith(int code, std::string* error, const std::string& why) {
     if (error) *error = why;
-    return code;
+    return refuse(code, why);
 }
 
 class Worker {
@@ -34,6 +35,11 @@ public:
         : request_(request), task_(std::move(task)) {}
 
     int run() {
+        // The caller's operation ended with the queueing: this outcome is
+        // the worker's own line in the platform log.
+        ResultSlot results;
+        Operation operation("install_from_server worker", request_.name, results,
+                            LogPolicy::kAlways, true);
         task_.pid = ::getpid();  // forked before the caller learnt it
         RemoteInstall install;
         install.package = {request_.name, request_.link, request_.size, request_.md5};
@@ -52,7 +58,9 @@ public:
             code = installFromServer(install, &why);
         } catch (const std::exception& e) {
             why = e.what();
+            refuse(code, why);
         }
+        if (code != kOk) fail(code);
         task_.state = code == kOk ? "done" : "failed";
         task_.code = code;
         task_.current = request_.name;
