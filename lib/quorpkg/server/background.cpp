@@ -35,11 +35,6 @@ public:
         : request_(request), task_(std::move(task)) {}
 
     int run() {
-        // The caller's operation ended with the queueing: this outcome is
-        // the worker's own line in the platform log.
-        ResultSlot results;
-        Operation operation("install_from_server worker", request_.name, results,
-                            LogPolicy::kAlways, true);
         task_.pid = ::getpid();  // forked before the caller learnt it
         RemoteInstall install;
         install.package = {request_.name, request_.link, request_.size, request_.md5};
@@ -54,13 +49,20 @@ public:
                                 uint64_t total) { progress(step, name, bytes, total); };
         std::string why;
         int code = kStoreUnusable;
-        try {
-            code = installFromServer(install, &why);
-        } catch (const std::exception& e) {
-            why = e.what();
-            refuse(code, why);
+        {
+            // The caller's operation ended with the queueing: this is the
+            // worker's own, logged before the task file tells how it ended.
+            ResultSlot results;
+            Operation operation("install_from_server worker", request_.name, results,
+                                LogPolicy::kAlways, true);
+            try {
+                code = installFromServer(install, &why);
+            } catch (const std::exception& e) {
+                why = e.what();
+                refuse(code, why);
+            }
+            if (code != kOk) fail(code);
         }
-        if (code != kOk) fail(code);
         task_.state = code == kOk ? "done" : "failed";
         task_.code = code;
         task_.current = request_.name;
