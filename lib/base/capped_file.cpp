@@ -39,9 +39,10 @@ bool sameFile(const struct stat& a, const struct stat& b) {
 bool appendCapped(const std::filesystem::path& path, std::string_view text, uintmax_t cap,
                   mode_t mode) {
     const std::string rotated = path.string() + ".1";
-    // A few rounds: another writer may move the file between our open and
-    // our lock, and a full file is moved before the text goes in.
-    for (int round = 0; round < 4; ++round) {
+    // Another writer may move the file between our open and our lock (each
+    // time it does, it got its text in), and a full file is moved before the
+    // text goes in: a round is repeated only when someone made progress.
+    for (int round = 0; round < 64; ++round) {
         UniqueFd fd(
             ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, mode));
         if (!fd || !lockExclusive(fd.get())) return false;
