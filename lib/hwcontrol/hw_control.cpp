@@ -29,8 +29,10 @@ quor::ResultSlot& helperResults() {
 int QUORHWExternalControl(int command, int length, const char* buffer) {
     quor::Operation operation("QUORHWExternalControl", std::to_string(command), helperResults(),
                               quor::LogPolicy::kAlways);
-    if (length < 0 || (length > 0 && buffer == nullptr))
-        return quor::fail(quor::kBadArgument, "no request bytes given") ? 0 : -1;
+    if (length < 0 || (length > 0 && buffer == nullptr)) {
+        quor::fail(quor::kBadArgument, "no request bytes given");
+        return -1;
+    }
     // The value is the text in the buffer: its bytes up to the terminator.
     std::string line = std::to_string(command) + ' ';
     for (int i = 0; i < length && buffer[i] != '\0'; ++i) {
@@ -46,7 +48,9 @@ int QUORHWExternalControl(int command, int length, const char* buffer) {
     quor::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     const bool written =
         fd && ::write(fd.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size());
-    if (!written)
-        return quor::fail(quor::kStoreUnusable, "cannot append to " + path.string()) ? 0 : -1;
+    if (!written) {
+        quor::fail(quor::kStoreUnusable, "cannot append to " + path.string());
+        return -1;
+    }
     return 0;
 }

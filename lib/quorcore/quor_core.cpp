@@ -45,7 +45,10 @@ int QLIBCFileExist(const char* path) {
 int QLIBCFileSetKeyValue(const char* file, const char* key, const char* value, int /*flags*/) {
     quor::Operation operation("QLIBCFileSetKeyValue", file ? file : "", helperResults(),
                               quor::LogPolicy::kAlways);
-    auto refused = [](int code, const std::string& why) { return quor::fail(code, why) ? 1 : -1; };
+    auto refused = [](int code, const std::string& why) {
+        quor::fail(code, why);
+        return -1;
+    };
     if (file == nullptr || key == nullptr || value == nullptr || *key == '\0')
         return refused(quor::kBadArgument, "no file, key or value given");
     const fs::path path = resolve(file);

@@ -65,7 +65,8 @@ bool GetPackageInfoFromServer(const std::string& name, Json::Value& entry, bool 
     Json::Value found;
     if (!quor::resolvedEntry(*offer, found))
         return quor::fail(quor::kServerUnreachable,
-                          "the server's entry for " + name + " has no usable link");
+                          offer->source->url + " offers " + name + " with an unusable link: \"" +
+                              quor::entryText(*offer->entry, "link") + "\"");
     normaliseEntry(name, found);
     entry = std::move(found);
     return true;
