@@ -57,6 +57,7 @@ run install_from_server reporter volume2 admin
 wait_task reporter
 run install_from_server reporter
 run install_from_server nosuchpackage
+reason
 run list
 
 echo "== Newer versions appear on the server"
@@ -84,4 +85,5 @@ show "$QUOR_ROOT/var/packages/notebook/var/notes.txt"
 echo "== The server goes away: checks fail and the remembered hash stays"
 stop_http_server
 run chkupgradepkg enu
+reason
 show "$QUOR_ROOT/var/cache/quorpkg/list/quorserver.hash.enu"

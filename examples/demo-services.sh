@@ -71,6 +71,7 @@ echo "legacytool <= 1.0-0001" > "$QUOR_ROOT/etc/quorpkg/firmware-limits"
 show "$QUOR_ROOT/etc/quorpkg/firmware-limits"
 run pause legacytool
 run start legacytool
+reason
 run is_onoff legacytool
 run onoffall start
 run status legacytool

@@ -29,6 +29,7 @@ run sort_zpk_by_dep_order "$zpks/reporter.zpk" "$zpks/notebook.zpk" "$zpks/textu
 
 echo "== Installing in dependency order"
 run install "$zpks/reporter.zpk"
+reason
 for name in $("$QUORPKG" sort_zpk_by_dep_order "$zpks/reporter.zpk" "$zpks/notebook.zpk" \
                 "$zpks/textutils.zpk"); do
   run install "$name"
@@ -44,6 +45,7 @@ run status notebook
 
 echo "== Removing"
 run uninstall textutils
+reason
 run uninstall reporter
 run list --name
 

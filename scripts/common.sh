@@ -36,6 +36,14 @@ run() {
   echo
 }
 
+# Shows the platform's reason for the refusal just shown: the last line of
+# its log.
+reason() {
+  echo "\$ tail -n 1 /var/log/quorpkg.log"
+  tail -n 1 "$QUOR_ROOT/var/log/quorpkg.log" 2>/dev/null || echo "(no log)"
+  echo
+}
+
 # Shows a file of the device as the command that reads it.
 show() {
   echo "\$ cat ${1#"$QUOR_ROOT"}"

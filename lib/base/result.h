@@ -1,7 +1,12 @@
-// Result codes of the platform, and the process-wide code of the last
-// failure that PackageManager::getResult() reports (static and free
-// functions have no manager object, so the code lives here).
+// Result codes of the platform, and how a failure site reports one together
+// with its reason. The code and the reason go to the operation in progress
+// on the calling thread (base/operation.h), which hands them to whoever ran
+// it: the PackageManager object of a member operation, or the process-wide
+// record of static and free functions. Outside any operation only the code
+// is returned.
 #pragma once
+
+#include <string>
 
 namespace quor {
 
@@ -36,11 +41,26 @@ enum ResultCode : int {
     kStoppedButActive = 310,
 };
 
+// A failure site deep inside the platform: notes `reason` (words that name
+// the culprit) for `code` and returns `code`, so that `return refuse(kX,
+// "...");` replaces `return kX;`.
+int refuse(int code, const std::string& reason);
+
+// The operation's answer: records `code` as the result of the operation in
+// progress and returns false, so that an interface function can
+// `return fail(kSomething, "...");`. Without a reason, the one noted deeper
+// down for the same code stands.
+bool fail(int code, const std::string& reason = {});
+
+// Records `code` as the operation's result even when it is kOk (a status
+// answer that is always set).
 void setLastResult(int code);
+
+// The code last recorded by a static or free function of the platform in
+// this process (kOk when none has failed).
 int lastResult();
 
-// Records `code` as the last result; returns false so that a failing
-// operation can `return fail(kSomething);`.
-bool fail(int code);
+// A short meaning of a result code, for a reason that nobody noted.
+const char* resultMeaning(int code);
 
 }  // namespace quor

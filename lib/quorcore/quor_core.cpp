@@ -12,11 +12,20 @@
 #include "base/file_util.h"
 #include "base/key_value.h"
 #include "base/layout.h"
+#include "base/operation.h"
+#include "base/result.h"
 #include "base/system_root.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+// The helpers answer through their return value alone: their outcome goes
+// to the platform log, never to a manager's getResult().
+quor::ResultSlot& helperResults() {
+    static quor::ResultSlot slot;
+    return slot;
+}
 
 fs::path resolve(const char* path) {
     fs::path given(path);
@@ -34,20 +43,30 @@ int QLIBCFileExist(const char* path) {
 }
 
 int QLIBCFileSetKeyValue(const char* file, const char* key, const char* value, int /*flags*/) {
-    if (file == nullptr || key == nullptr || value == nullptr || *key == '\0') return -1;
+    quor::Operation operation("QLIBCFileSetKeyValue", file ? file : "", helperResults(),
+                              quor::LogPolicy::kAlways);
+    auto refused = [](int code, const std::string& why) {
+        quor::fail(code, why);
+        return -1;
+    };
+    if (file == nullptr || key == nullptr || value == nullptr || *key == '\0')
+        return refused(quor::kBadArgument, "no file, key or value given");
     const fs::path path = resolve(file);
     std::error_code ec;
     // A missing file is created; anything but a regular file is refused.
     std::optional<std::string> text;
     if (fs::exists(path, ec)) {
-        if (!fs::is_regular_file(path, ec) || !(text = quor::readFile(path))) return -1;
+        if (!fs::is_regular_file(path, ec) || !(text = quor::readFile(path)))
+            return refused(quor::kStoreUnusable, path.string() + " is not a readable file");
     } else {
         text.emplace();
     }
     std::optional<quor::KeyValues> pairs = quor::parseKeyValues(*text);
-    if (!pairs) return -1;
+    if (!pairs) return refused(quor::kStoreUnusable, path.string() + " is not key=\"value\" text");
     quor::setValue(*pairs, key, value);
-    return quor::writeFileAtomic(path, quor::formatKeyValues(*pairs)) ? 1 : -1;
+    if (!quor::writeFileAtomic(path, quor::formatKeyValues(*pairs)))
+        return refused(quor::kStoreUnusable, "cannot write " + path.string());
+    return 1;
 }
 
 int VolumePathParseEx(const char* text, VOLUME_PATH_INFO* info) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/operation.h"
 #include "base/result.h"
 #include "pkg_manager.h"
 #include "quorpkg/api/manager_state.h"
@@ -22,6 +23,12 @@ bool report(int code) {
     return quor::fail(code);
 }
 
+std::string joined(const std::set<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : ",") + name;
+    return text;
+}
+
 }  // namespace
 
 // Type 8 also turns the package on (start only), type 16 turns it off (stop
@@ -33,6 +40,8 @@ bool PackageManager::serviceControl(PKG_INSTALLATION_TYPE type, const std::strin
                                     const char* event, const char* param,
                                     std::vector<std::string>* affected, bool withDependencies,
                                     bool runScripts) {
+    quor::Operation operation(start ? "serviceControl start" : "serviceControl stop", name,
+                              state_->results, quor::LogPolicy::kAlways);
     quor::ServiceRequest request;
     request.type = type;
     request.event = event;
@@ -48,6 +57,8 @@ bool PackageManager::serviceControl(PKG_INSTALLATION_TYPE type, const std::strin
 }
 
 bool PackageManager::serviceControlRestart(const std::string& name) {
+    quor::Operation operation("serviceControlRestart", name, state_->results,
+                              quor::LogPolicy::kAlways);
     return report(quor::restartPackage(name));
 }
 
@@ -55,6 +66,9 @@ bool PackageManager::serviceControlRestart(const std::string& name) {
 // installed one). A stop always takes every running package.
 bool PackageManager::serviceControlOnOffALL(bool start, bool enabledOnly, const char* event,
                                             const char* param) {
+    quor::Operation operation(
+        start ? "serviceControlOnOffALL start" : "serviceControlOnOffALL stop", "", state_->results,
+        quor::LogPolicy::kAlways);
     quor::BulkRequest request;
     request.start = start;
     request.enabledOnly = enabledOnly;
@@ -66,6 +80,9 @@ bool PackageManager::serviceControlOnOffALL(bool start, bool enabledOnly, const 
 // `includeDisabled`: start also the packages that are turned off.
 bool PackageManager::serviceControlByService(const std::set<std::string>& services, bool start,
                                              bool includeDisabled) {
+    quor::Operation operation(
+        start ? "serviceControlByService start" : "serviceControlByService stop", joined(services),
+        state_->results, quor::LogPolicy::kAlways);
     quor::BulkRequest request;
     request.start = start;
     request.enabledOnly = !includeDisabled;
@@ -78,6 +95,7 @@ bool PackageManager::serviceControlByService(const std::set<std::string>& servic
 // 310 rather than with the script's code.
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool checkScript,
                                       bool checkActive) {
+    quor::Operation operation("getServiceStatus", name, state_->results, quor::LogPolicy::kNever);
     const int code =
         quor::packageStatus(name, {.askScript = checkScript, .reportActive = checkActive});
     running = code == quor::kOk;
@@ -92,8 +110,11 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
 // False with 255 when the package is not installed, 103 when it is but is
 // turned off.
 bool PackageManager::isServiceEnabled(const char* name) {
-    if (name == nullptr || !quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage);
-    if (!quor::isEnabled(name)) return quor::fail(quor::kNotEnabled);
+    quor::Operation operation("isServiceEnabled", name ? name : "", state_->results,
+                              quor::LogPolicy::kNever);
+    if (name == nullptr || !quor::isInstalled(name))
+        return quor::fail(quor::kNoSuchPackage, "not installed");
+    if (!quor::isEnabled(name)) return quor::fail(quor::kNotEnabled, "turned off");
     return true;
 }
 
@@ -107,8 +128,10 @@ int PMSThirdPartyCheckLimit(const char* name, const char* version) {
 }
 
 bool NotifyStoppedByFirmware(const std::string& displayName) {
+    quor::Operation operation("NotifyStoppedByFirmware", displayName, quor::freeFunctionResults(),
+                              quor::LogPolicy::kAlways);
     if (quor::appendNotification("stopped_by_firmware", displayName)) return true;
-    return quor::fail(quor::kStoreUnusable);
+    return quor::fail(quor::kStoreUnusable, "cannot append to the notification spool");
 }
 
 }  // namespace QUORPackageTool

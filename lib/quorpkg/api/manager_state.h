@@ -1,11 +1,13 @@
-// What our platform keeps in a PackageManager object. The result code lives
-// process-wide (base/result.h) because static and free functions report
-// through it too.
+// What our platform keeps in a PackageManager object: its settings and the
+// outcome of its own operations (base/operation.h says how static and free
+// functions report).
 #pragma once
 
+#include "base/operation.h"
 #include "pkg_manager.h"
 
 struct QUORPackageTool::PackageManager::State {
     bool initialized = false;
     bool skipUpgradeCheck = false;
+    quor::ResultSlot results;
 };

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "base/layout.h"
+#include "base/operation.h"
 #include "base/result.h"
 #include "base/system_root.h"
 #include "manager_state.h"
@@ -23,7 +24,8 @@ namespace QUORPackageTool {
 namespace {
 
 bool lookUp(const std::string& name, PackageInfo& out) {
-    if (!quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
+    if (!quor::isValidPackageName(name))
+        return quor::fail(quor::kBadArgument, "not a package name: \"" + name + "\"");
     int code = quor::readInstalledRecord(name, out);
     return code == quor::kOk || quor::fail(code);
 }
@@ -44,10 +46,13 @@ PackageManager::PackageManager() : state_(std::make_unique<State>()) {}
 PackageManager::~PackageManager() = default;
 
 bool PackageManager::init() {
+    quor::Operation operation("init", "", state_->results, quor::LogPolicy::kOnFailure);
     std::error_code ec;
     for (const fs::path& dir : quor::layout::requiredDirs()) {
         fs::create_directories(dir, ec);
-        if (ec) return quor::fail(quor::kStoreUnusable);
+        if (ec)
+            return quor::fail(quor::kStoreUnusable,
+                              "cannot create " + dir.string() + ": " + ec.message());
     }
     // A change that was cut short is finished or undone now, unless some
     // process is in the middle of one (its own recovery comes first anyway).
@@ -59,16 +64,19 @@ bool PackageManager::init() {
 }
 
 int PackageManager::getResult() {
-    return quor::lastResult();
+    return quor::latestOutcome(state_->results).code;
 }
 
 bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& out, const char*,
                                     unsigned long long) {
+    quor::Operation operation("getPackageInfo", name, state_->results, quor::LogPolicy::kNever);
     return lookUp(name, out);
 }
 
 bool PackageManager::getInstallPackageInfo(const std::string& name, PackageInfo& out, const char*,
                                            unsigned long long) {
+    quor::Operation operation("getInstallPackageInfo", name, quor::freeFunctionResults(),
+                              quor::LogPolicy::kNever);
     return lookUp(name, out);
 }
 
@@ -89,15 +97,20 @@ bool PackageManager::enumPackageInfo(std::vector<PackageInfo>& out, const char*,
 
 bool PackageManager::getDependencyOrder(const char* name, std::vector<std::string>& out,
                                         bool recursive) {
+    quor::Operation operation("getDependencyOrder", name ? name : "", state_->results,
+                              quor::LogPolicy::kNever);
     out.clear();
-    if (name == nullptr || !quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
+    if (name == nullptr || !quor::isValidPackageName(name))
+        return quor::fail(quor::kBadArgument, "not a package name");
     out = quor::dependentsOf(name, recursive);
-    return quor::isInstalled(name) || quor::fail(quor::kNoSuchPackage);
+    return quor::isInstalled(name) || quor::fail(quor::kNoSuchPackage, "not installed");
 }
 
 bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& out,
                                           PKG_INSTALLATION_TYPE, const char*) {
-    if (path.empty()) return quor::fail(quor::kBadArgument);
+    quor::Operation operation("queryPackageFileInfo", path, quor::freeFunctionResults(),
+                              quor::LogPolicy::kOnFailure);
+    if (path.empty()) return quor::fail(quor::kBadArgument, "no package file named");
     quor::PackageFileHead head;
     int code = quor::readPackageHead(path, head);
     if (code != quor::kOk) return quor::fail(code);
@@ -107,7 +120,9 @@ bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& 
 
 bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
                                          std::vector<std::string>& out) {
-    if (packages == nullptr) return quor::fail(quor::kBadArgument);
+    quor::Operation operation("topologicalSortPkgs", "", state_->results,
+                              quor::LogPolicy::kOnFailure);
+    if (packages == nullptr) return quor::fail(quor::kBadArgument, "no package list given");
     std::vector<quor::Manifest> manifests;
     for (const PackageInfo& info : *packages) {
         quor::Manifest manifest;
@@ -120,7 +135,8 @@ bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
 }
 
 bool PackageManager::installZPK(const char* volume, std::string path, const std::string&) {
-    if (path.empty()) return quor::fail(quor::kBadArgument);
+    quor::Operation operation("installZPK", path, state_->results, quor::LogPolicy::kAlways);
+    if (path.empty()) return quor::fail(quor::kBadArgument, "no package file named");
     quor::InstallRequest request;
     request.file = path;
     request.volume = volumeHostPath(volume);
@@ -129,11 +145,15 @@ bool PackageManager::installZPK(const char* volume, std::string path, const std:
 }
 
 bool PackageManager::uninstallPKGs(const std::vector<std::string>& names, bool runScripts) {
+    std::string list;
+    for (const std::string& name : names) list += (list.empty() ? "" : ",") + name;
+    quor::Operation operation("uninstallPKGs", list, state_->results, quor::LogPolicy::kAlways);
     int code = quor::removePackages(names, quor::serviceHooks(), runScripts);
     return code == quor::kOk || quor::fail(code);
 }
 
 std::string PackageManager::getPackageLog(const std::string& name) {
+    quor::Operation operation("getPackageLog", name, state_->results, quor::LogPolicy::kNever);
     int code = quor::kOk;
     std::string path = quor::packageLogPath(name, code);
     if (path.empty()) quor::fail(code == quor::kOk ? quor::kNoSuchPackage : code);

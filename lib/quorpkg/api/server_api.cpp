@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/layout.h"
+#include "base/operation.h"
 #include "base/result.h"
 #include "pkg_manager.h"
 #include "pkg_server.h"
@@ -48,15 +49,24 @@ namespace QUORPackageServer {
 
 bool GetPackageInfoFromServer(const std::string& name, Json::Value& entry, bool fresh,
                               const std::string& lang, bool beta) {
-    if (!quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
+    quor::Operation operation("GetPackageInfoFromServer", name, quor::freeFunctionResults(),
+                              quor::LogPolicy::kOnFailure);
+    if (!quor::isValidPackageName(name))
+        return quor::fail(quor::kBadArgument, "not a package name: \"" + name + "\"");
     std::vector<quor::Catalog> catalogs;
-    int code = quor::loadCatalogs(fresh, lang.c_str(), catalogs);
-    if (code != quor::kOk) return quor::fail(code);
+    std::string why;
+    int code = quor::loadCatalogs(fresh, lang.c_str(), catalogs, &why);
+    if (code != quor::kOk) return quor::fail(code, why);
     const quor::Offers offers(catalogs);
     const quor::Offer* offer = offers.newest(name, beta);
-    if (offer == nullptr) return quor::fail(quor::kNotOnServer);
+    if (offer == nullptr)
+        return quor::fail(quor::kNotOnServer, std::string("no configured server offers ") + name +
+                                                  (beta ? "" : " (betas left out)"));
     Json::Value found;
-    if (!quor::resolvedEntry(*offer, found)) return quor::fail(quor::kServerUnreachable);
+    if (!quor::resolvedEntry(*offer, found))
+        return quor::fail(quor::kServerUnreachable,
+                          offer->source->url + " offers " + name + " with an unusable link: \"" +
+                              quor::entryText(*offer->entry, "link") + "\"");
     normaliseEntry(name, found);
     entry = std::move(found);
     return true;
@@ -66,6 +76,8 @@ bool BackgroundInstall(const char* user, const char* volume, const char* name,
                        const char* displayName, const char* version, bool noStart, const char* lang,
                        unsigned long long size, const char* link, const char* md5,
                        bool checkDependencies, bool beta) {
+    quor::Operation operation("BackgroundInstall", text(name), quor::freeFunctionResults(),
+                              quor::LogPolicy::kAlways);
     quor::BackgroundRequest request;
     request.user = text(user);
     request.volume = text(volume);
@@ -79,8 +91,9 @@ bool BackgroundInstall(const char* user, const char* volume, const char* name,
     request.md5 = text(md5);
     request.withRequirements = checkDependencies;
     request.beta = beta;
-    int code = quor::startBackgroundInstall(request);
-    return code == quor::kOk || quor::fail(code);
+    std::string why;
+    int code = quor::startBackgroundInstall(request, &why);
+    return code == quor::kOk || quor::fail(code, why);
 }
 
 }  // namespace QUORPackageServer
@@ -88,6 +101,8 @@ bool BackgroundInstall(const char* user, const char* volume, const char* name,
 namespace QUORPackageTool {
 
 bool PMSGetPackageDefVol(std::string& out) {
+    quor::Operation operation("PMSGetPackageDefVol", "", quor::freeFunctionResults(),
+                              quor::LogPolicy::kOnFailure);
     fs::path volume;
     int code = quor::defaultVolume(volume);
     if (code != quor::kOk) return quor::fail(code);
@@ -96,6 +111,8 @@ bool PMSGetPackageDefVol(std::string& out) {
 }
 
 bool PMSGetTmpDir(unsigned long long size, std::string& out) {
+    quor::Operation operation("PMSGetTmpDir", "", quor::freeFunctionResults(),
+                              quor::LogPolicy::kOnFailure);
     fs::path dir;
     int code = quor::stagingDir(size, dir);
     if (code != quor::kOk) return quor::fail(code);
@@ -104,11 +121,14 @@ bool PMSGetTmpDir(unsigned long long size, std::string& out) {
 }
 
 bool PMSGetListTmpDir(std::string& out) {
+    quor::Operation operation("PMSGetListTmpDir", "", quor::freeFunctionResults(),
+                              quor::LogPolicy::kOnFailure);
     const fs::path dir = quor::layout::listDir();
     out = dir.string();
     std::error_code ec;
     fs::create_directories(dir, ec);
-    return !ec || quor::fail(quor::kStoreUnusable);
+    return !ec ||
+           quor::fail(quor::kStoreUnusable, "cannot create " + dir.string() + ": " + ec.message());
 }
 
 }  // namespace QUORPackageTool

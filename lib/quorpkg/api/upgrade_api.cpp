@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "base/operation.h"
 #include "base/result.h"
 #include "base/settings.h"
 #include "pkg_manager.h"
@@ -72,6 +73,8 @@ bool PMSCheckUpgrade(bool fresh, const char* user, const char* lang,
 
 bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
                      std::vector<PackageInfo>* out, bool upgradeAll, bool limitOnly) {
+    quor::Operation operation(upgradeAll ? "PMSCheckUpgrade upgrade-all" : "PMSCheckUpgrade", "",
+                              quor::freeFunctionResults(), quor::LogPolicy::kAlways);
     if (out) out->clear();
     // Nothing to list or apply: bringing the catalog cache up to date is all.
     const std::string policy = upgradePolicy(out != nullptr, upgradeAll, limitOnly);
@@ -81,7 +84,7 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
     int code = quor::loadCatalogs({fresh, !refreshOnly}, lang, catalogs, &error);
     if (code != quor::kOk) {
         syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
-        return quor::fail(code);
+        return quor::fail(code, error);
     }
     if (refreshOnly) return true;
     const quor::Offers offers(catalogs);
@@ -95,6 +98,7 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
         code = quor::applyUpgrade(upgrade, quor::normalLanguage(lang), &error);
         if (code != quor::kOk) {
             syslog(LOG_ERR, "upgrade of %s failed: %s", upgrade.name.c_str(), error.c_str());
+            quor::refuse(code, "upgrade of " + upgrade.name + " failed: " + error);
             if (first == quor::kOk) first = code;
         }
     }
@@ -106,13 +110,18 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
 namespace QUORPackageServer {
 
 bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
-    if (name == nullptr || !quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
-    if (!quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage);
+    quor::Operation operation("PMSCheckUpgrade", name ? name : "", quor::freeFunctionResults(),
+                              quor::LogPolicy::kOnFailure);
+    if (name == nullptr || !quor::isValidPackageName(name))
+        return quor::fail(quor::kBadArgument, "not a package name");
+    if (!quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage, "not installed");
     std::vector<quor::Catalog> catalogs;
-    int code = quor::loadCatalogs(fresh, lang, catalogs);
-    if (code != quor::kOk) return quor::fail(code);
+    std::string why;
+    int code = quor::loadCatalogs(fresh, lang, catalogs, &why);
+    if (code != quor::kOk) return quor::fail(code, why);
     const quor::Offers offers(catalogs);
-    if (offers.all(name).empty()) return quor::fail(quor::kNotOnServer);
+    if (offers.all(name).empty())
+        return quor::fail(quor::kNotOnServer, std::string("no configured server offers ") + name);
     quor::UpgradeOffer upgrade;
     return quor::findUpgrade(offers, name, upgrade);
 }

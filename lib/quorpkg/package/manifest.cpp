@@ -167,10 +167,12 @@ std::optional<Dependency> parseDependency(std::string_view item) {
 int checkPlatformFit(const Manifest& manifest, const Settings& settings) {
     if (!manifest.arch.empty() && manifest.arch != "noarch" &&
         manifest.arch != effectiveArch(settings))
-        return kWrongArch;
+        return refuse(kWrongArch, manifest.name + " is built for " + manifest.arch +
+                                      ", this device is " + effectiveArch(settings));
     if (!manifest.firmware.empty() &&
         compareVersions(settings.firmware_version, manifest.firmware) < 0)
-        return kFirmwareTooOld;
+        return refuse(kFirmwareTooOld, manifest.name + " needs firmware " + manifest.firmware +
+                                           ", this device runs " + settings.firmware_version);
     return kOk;
 }
 

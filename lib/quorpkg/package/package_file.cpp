@@ -148,7 +148,7 @@ int readPackageHead(const std::filesystem::path& file, PackageFileHead& out, std
     struct stat st {};
     if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         if (error) *error = "cannot open " + file.string();
-        return kFileUnreadable;
+        return refuse(kFileUnreadable, "cannot open " + file.string() + " as a regular file");
     }
     PackageFileHead head;
     std::string infoText;
@@ -187,7 +187,7 @@ int readPackageHead(const std::filesystem::path& file, PackageFileHead& out, std
     if (code == kOk) code = parseManifest(infoText, head.manifest, &why);
     if (code != kOk) {
         if (error) *error = why;
-        return code;
+        return refuse(code, file.string() + ": " + why);
     }
     out = std::move(head);
     return kOk;

@@ -267,7 +267,7 @@ int unpackPackage(const fs::path& file, const PackageFileHead& head, const Unpac
         code = unpackPass(fd.get(), head.manifest.checksum, &targets, why);
     }
     if (code != kOk && error) *error = why;
-    return code;
+    return code == kOk ? kOk : refuse(code, file.string() + ": " + why);
 }
 
 }  // namespace quor

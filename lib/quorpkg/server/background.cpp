@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "base/operation.h"
 #include "base/package_log.h"
 #include "base/result.h"
 #include "quor_core.h"
@@ -25,7 +26,7 @@ constexpr uint64_t kProgressStep = 1 << 20;
 
 int failWith(int code, std::string* error, const std::string& why) {
     if (error) *error = why;
-    return code;
+    return refuse(code, why);
 }
 
 class Worker {
@@ -48,10 +49,19 @@ public:
                                 uint64_t total) { progress(step, name, bytes, total); };
         std::string why;
         int code = kStoreUnusable;
-        try {
-            code = installFromServer(install, &why);
-        } catch (const std::exception& e) {
-            why = e.what();
+        {
+            // The caller's operation ended with the queueing: this is the
+            // worker's own, logged before the task file tells how it ended.
+            ResultSlot results;
+            Operation operation("install_from_server worker", request_.name, results,
+                                LogPolicy::kAlways, true);
+            try {
+                code = installFromServer(install, &why);
+            } catch (const std::exception& e) {
+                why = e.what();
+                refuse(code, why);
+            }
+            if (code != kOk) fail(code);
         }
         task_.state = code == kOk ? "done" : "failed";
         task_.code = code;

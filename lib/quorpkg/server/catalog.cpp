@@ -83,10 +83,8 @@ int fetchFirst(const Source& source, std::initializer_list<std::string> names, u
     for (const std::string& name : names) {
         FetchResult result = fetchText(source.url + name, text, maxBytes);
         if (result.ok()) return kOk;
-        if (result.status == FetchStatus::kFailed) {
-            if (error) *error = source.url + name + ": " + result.error;
-            return kServerUnreachable;
-        }
+        if (error) *error = source.url + name + ": " + result.error;
+        if (result.status == FetchStatus::kFailed) return kServerUnreachable;
     }
     return kNoSuchPackage;
 }
@@ -127,7 +125,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     std::string text;
     code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, kMaxCatalogBytes, text,
                       error);
-    if (code == kNoSuchPackage && error) *error = source.url + ": the server has no catalog";
+    if (code == kNoSuchPackage && error) *error = "the server has no catalog: " + *error;
     if (code != kOk) return kServerUnreachable;
     std::string why;
     if (!parseCatalog(text, out.packages, &why)) {

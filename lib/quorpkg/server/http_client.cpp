@@ -20,7 +20,9 @@ constexpr long kMaxRedirects = 5;
 constexpr long kHttpRangeNotSatisfiable = 416;
 
 // The library; callers checked with `loaded` that it is there.
-const CurlApi& api() { return *curlApi(); }
+const CurlApi& api() {
+    return *curlApi();
+}
 
 struct CurlDeleter {
     void operator()(CURL* curl) const { api().easy_cleanup(curl); }
@@ -71,7 +73,8 @@ FetchResult outcome(CURL* curl, CURLcode code, const char* errorBuffer) {
     api().easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     if (code == CURLE_FILE_COULDNT_READ_FILE || status == 404 || status == 410) {
         result.status = FetchStatus::kNotFound;
-        result.error = "not found";
+        result.error =
+            status != 0 ? "HTTP status " + std::to_string(status) + " (not found)" : "not found";
     } else if (code != CURLE_OK) {
         result.error = *errorBuffer ? errorBuffer : api().easy_strerror(code);
         result.resumable = code != CURLE_WRITE_ERROR;

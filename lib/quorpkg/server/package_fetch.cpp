@@ -12,7 +12,7 @@ namespace {
 
 int failWith(int code, std::string* error, const std::string& why) {
     if (error) *error = why;
-    return code;
+    return refuse(code, why);
 }
 
 // The md5 in the name keeps a part of one file from being continued with

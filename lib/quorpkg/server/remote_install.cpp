@@ -48,7 +48,7 @@ PackageDownload downloadOf(const Json::Value& entry) {
 
 int fail(int code, std::string* error, const std::string& why) {
     if (error) *error = why;
-    return code;
+    return refuse(code, why);
 }
 
 class Session {

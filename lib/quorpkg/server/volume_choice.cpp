@@ -48,18 +48,25 @@ int defaultVolume(fs::path& out) {
     const Settings settings = loadSettings();
     out = settings.default_volume.empty() ? roomiestVolume()
                                           : configuredVolume(settings.default_volume);
-    return out.empty() ? kNoVolume : kOk;
+    if (out.empty())
+        return refuse(kNoVolume,
+                      settings.default_volume.empty()
+                          ? "there is no volume"
+                          : "default_volume names no volume: " + settings.default_volume);
+    return kOk;
 }
 
 int stagingDir(uint64_t size, fs::path& out) {
     fs::path volume = configuredVolume(loadSettings().default_volume);
     if (volume.empty() || freeBytes(volume) < size) volume = roomiestVolume();
-    if (volume.empty()) return kNoVolume;
-    if (freeBytes(volume) < size) return kNoSpace;
+    if (volume.empty()) return refuse(kNoVolume, "there is no volume");
+    if (freeBytes(volume) < size)
+        return refuse(kNoSpace, volume.string() + " has " + std::to_string(freeBytes(volume)) +
+                                    " bytes free, " + std::to_string(size) + " needed");
     out = layout::volumeTmpDir(volume);
     std::error_code ec;
     fs::create_directories(out, ec);
-    return ec ? kStoreUnusable : kOk;
+    return ec ? refuse(kStoreUnusable, "cannot create " + out.string() + ": " + ec.message()) : kOk;
 }
 
 }  // namespace quor

@@ -87,6 +87,13 @@ int control(const std::vector<std::string>& names, const BulkRequest& request) {
     // shutdown everything goes.
     std::vector<int> codes =
         runInOrder(jobs, workers, request.start, kMissingDependency, kDependencyCycle, action);
+    for (size_t i = 0; i < codes.size(); ++i) {
+        if (codes[i] == kDependencyCycle)
+            refuse(kDependencyCycle, jobs[i].name + " is in a requirement cycle");
+        else if (codes[i] == kMissingDependency)
+            refuse(kMissingDependency,
+                   "cannot start " + jobs[i].name + ": a package it needs is missing or failed");
+    }
     for (int result : codes)
         if (result != kOk) return result;
     return kOk;

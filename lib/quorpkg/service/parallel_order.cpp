@@ -8,6 +8,8 @@
 #include <set>
 #include <thread>
 
+#include "base/operation.h"
+
 namespace quor {
 namespace {
 
@@ -101,7 +103,13 @@ std::vector<int> runInOrder(const std::vector<OrderedJob>& jobs, int workers, bo
         std::vector<std::jthread> pool;
         const size_t count = std::clamp<size_t>(static_cast<size_t>(std::max(workers, 1)), 1,
                                                 std::max<size_t>(jobs.size(), 1));
-        for (size_t i = 0; i < count; ++i) pool.emplace_back([&] { scheduler.work(action); });
+        // The workers' failures are the caller's operation's.
+        Operation* operation = Operation::current();
+        for (size_t i = 0; i < count; ++i)
+            pool.emplace_back([&, operation] {
+                InheritOperation inherit(operation);
+                scheduler.work(action);
+            });
     }
     if (scheduler.error()) std::rethrow_exception(scheduler.error());
     std::vector<int> codes;

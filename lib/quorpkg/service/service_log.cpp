@@ -35,7 +35,7 @@ fs::path hostPathOf(const std::string& name, const fs::path& printed) {
 
 std::string packageLogPath(const std::string& name, int& code) {
     if (!isInstalled(name)) {
-        code = kNoSuchPackage;
+        code = refuse(kNoSuchPackage, name + " is not installed");
         return {};
     }
     code = kOk;

@@ -32,10 +32,12 @@ bool hasServiceScript(const std::string& name) {
 // The manifest of an installed, whole package: kOk, kBadArgument,
 // kNoSuchPackage or kBroken (no manifest, or no payload behind the target).
 int loadInstalled(const std::string& name, Manifest& manifest) {
-    if (!isValidPackageName(name)) return kBadArgument;
+    if (!isValidPackageName(name)) return refuse(kBadArgument, "not a package name: " + name);
     int code = readInstalledManifest(name, manifest);
     if (code != kOk) return code;
-    return installedTarget(name).empty() ? kBroken : kOk;
+    return installedTarget(name).empty()
+               ? refuse(kBroken, name + " has no payload behind its target")
+               : kOk;
 }
 
 ScriptRun scriptRun(const std::string& version, const ServiceRequest& request) {
@@ -71,7 +73,8 @@ public:
         if (!request_.ignoreFirmwareLimit && firmwareLimitStatus(name, manifest.version) != 0) {
             logPackageEvent(name, "not started: version " + manifest.version +
                                       " is blocked by the firmware limit");
-            return kFirmwareBlocked;
+            return refuse(kFirmwareBlocked,
+                          name + " " + manifest.version + " is blocked by the firmware limit");
         }
         inProgress_.insert(name);
         for (const Dependency& dependency : manifest.depends) {
@@ -90,12 +93,18 @@ private:
              !versionSatisfies(required.version, dependency.op, dependency.version))) {
             logPackageEvent(name, "not started: requires " + dependency.name + dependency.op +
                                       dependency.version);
-            return kMissingDependency;
+            return refuse(kMissingDependency,
+                          name + " requires " + dependency.name + " " + dependency.op +
+                              dependency.version + ", " +
+                              (code == kOk ? "installed: " + required.version : "not installed"));
         }
         // A requirement cycle (only a hand-edited store has one) ends here.
         if (inProgress_.count(dependency.name)) return kOk;
         if (!request_.withDependencies)
-            return packageStatus(dependency.name) == kOk ? kOk : kMissingDependency;
+            return packageStatus(dependency.name) == kOk
+                       ? kOk
+                       : refuse(kMissingDependency,
+                                name + " requires " + dependency.name + ", which is not running");
         return start(dependency.name);
     }
 
@@ -154,8 +163,8 @@ int stopSelf(const std::string& name, const ServiceRequest& request) {
 }
 
 int stopUnlocked(const std::string& name, const ServiceRequest& request) {
-    if (!isValidPackageName(name)) return kBadArgument;
-    if (!isInstalled(name)) return kNoSuchPackage;
+    if (!isValidPackageName(name)) return refuse(kBadArgument, "not a package name: " + name);
+    if (!isInstalled(name)) return refuse(kNoSuchPackage, name + " is not installed");
     if (request.withDependencies) {
         std::vector<std::string> order = dependentsOf(name, true);
         order.pop_back();  // the package itself
@@ -175,7 +184,7 @@ int startLocked(const std::string& name, const ServiceRequest& request) {
 }
 
 int stopOneLocked(const std::string& name, const ServiceRequest& request) {
-    if (!isValidPackageName(name)) return kBadArgument;
+    if (!isValidPackageName(name)) return refuse(kBadArgument, "not a package name: " + name);
     return stopSelf(name, request);
 }
 
@@ -219,7 +228,7 @@ int packageStatus(const std::string& name) {
 }
 
 int packageStatus(const std::string& name, const StatusQuery& query) {
-    if (!isValidPackageName(name)) return kNoSuchPackage;
+    if (!isValidPackageName(name)) return refuse(kNoSuchPackage, "not a package name: " + name);
     Manifest manifest;
     int code = loadInstalled(name, manifest);
     if (code != kOk) return code;
@@ -233,7 +242,7 @@ int packageStatus(const std::string& name, const StatusQuery& query) {
     run.target = layout::targetLink(name);
     run.lockHeld = false;
     ScriptOutcome outcome = runScript(run);
-    if (!outcome.launched) return kBroken;
+    if (!outcome.launched) return refuse(kBroken, name + ": the status script cannot be run");
     code = outcome.timedOut ? kScriptTimeout : outcome.exitCode;
     if (code == kOk || code == kBroken) return code;
     return query.reportActive && active ? kStoppedButActive : code;

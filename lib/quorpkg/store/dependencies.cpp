@@ -79,6 +79,16 @@ struct Node {
     std::vector<std::string> requires_;
 };
 
+// The names the ordering could not place, comma-separated.
+std::string leftOver(const std::vector<Node>& nodes, const std::vector<size_t>& placed) {
+    std::vector<bool> done(nodes.size(), false);
+    for (size_t i : placed) done[i] = true;
+    std::string names;
+    for (size_t i = 0; i < nodes.size(); ++i)
+        if (!done[i]) names += (names.empty() ? "" : ", ") + nodes[i].name;
+    return names;
+}
+
 // Edges "a package before what it requires" (or the reverse), within the set.
 std::vector<std::vector<size_t>> edges(const std::vector<Node>& nodes, bool dependentsFirst) {
     std::unordered_map<std::string, size_t> index;
@@ -173,7 +183,8 @@ int topologicalSort(const std::vector<Manifest>& packages, std::vector<std::stri
     std::vector<size_t> order;
     if (!orderNodes(edges(nodes, true), order)) {
         out.clear();
-        return kDependencyCycle;
+        return refuse(kDependencyCycle, "no order exists: " + leftOver(nodes, order) +
+                                            " require each other in a cycle");
     }
     out.clear();
     for (size_t i : order) out.push_back(nodes[i].name);

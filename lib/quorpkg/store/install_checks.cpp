@@ -29,6 +29,15 @@ unsigned long long freeBytes(const fs::path& dir) {
     return static_cast<unsigned long long>(info.f_bavail) * info.f_frsize;
 }
 
+// "base >=2" as the manifest says it.
+std::string wanted(const Dependency& item) {
+    return item.op.empty() ? item.name : item.name + " " + item.op + item.version;
+}
+
+std::string installedText(const std::string& name, const Manifest& installed) {
+    return installed.name == name ? "installed: " + installed.version : "not installed";
+}
+
 bool isDirectory(const fs::path& path) {
     std::error_code ec;
     return !path.empty() && fs::is_directory(path, ec);
@@ -42,14 +51,16 @@ int checkRequirements(const Manifest& manifest) {
         Manifest installed;
         if (readInstalledManifest(required.name, installed) != kOk ||
             !matches(installed.version, required))
-            return kMissingDependency;
+            return refuse(kMissingDependency, manifest.name + " requires " + wanted(required) +
+                                                  ", " + installedText(required.name, installed));
     }
     for (const Dependency& conflict : manifest.conflicts) {
         Manifest installed;
         if (conflict.name != manifest.name &&
             readInstalledManifest(conflict.name, installed) == kOk &&
             matches(installed.version, conflict))
-            return kConflict;
+            return refuse(kConflict, manifest.name + " conflicts with " + wanted(conflict) +
+                                         ", installed at " + installed.version);
     }
     // The installed packages' view of the new one.
     for (const std::string& other : installedPackages()) {
@@ -57,10 +68,12 @@ int checkRequirements(const Manifest& manifest) {
         if (other == manifest.name || readInstalledManifest(other, installed) != kOk) continue;
         for (const Dependency& conflict : installed.conflicts)
             if (conflict.name == manifest.name && matches(manifest.version, conflict))
-                return kConflict;
+                return refuse(kConflict,
+                              "installed " + other + " conflicts with " + wanted(conflict));
         for (const Dependency& required : installed.depends)
             if (required.name == manifest.name && !matches(manifest.version, required))
-                return kHasDependents;
+                return refuse(kHasDependents, "installed " + other + " requires " +
+                                                  wanted(required) + ", not " + manifest.version);
     }
     return kOk;
 }
@@ -68,8 +81,10 @@ int checkRequirements(const Manifest& manifest) {
 int checkSpace(const fs::path& volume, const fs::path& file) {
     std::error_code ec;
     const auto size = fs::file_size(file, ec);
-    if (ec) return kFileUnreadable;
-    return freeBytes(volume) < size ? kNoSpace : kOk;
+    if (ec) return refuse(kFileUnreadable, "cannot read the size of " + file.string());
+    if (freeBytes(volume) >= size) return kOk;
+    return refuse(kNoSpace, volume.string() + " has " + std::to_string(freeBytes(volume)) +
+                                " bytes free, " + file.string() + " is " + std::to_string(size));
 }
 
 int chooseVolume(const std::string& name, const fs::path& requested, fs::path& out) {
@@ -80,14 +95,16 @@ int chooseVolume(const std::string& name, const fs::path& requested, fs::path& o
         return kOk;
     }
     if (!requested.empty()) {
-        if (!isDirectory(requested)) return kNoVolume;
+        if (!isDirectory(requested))
+            return refuse(kNoVolume, "no such volume: " + requested.string());
         out = requested;
         return kOk;
     }
     const Settings settings = loadSettings();
     if (!settings.default_volume.empty()) {
         fs::path configured = hostPath(settings.default_volume);
-        if (!isDirectory(configured)) return kNoVolume;
+        if (!isDirectory(configured))
+            return refuse(kNoVolume, "default_volume names no volume: " + settings.default_volume);
         out = configured;
         return kOk;
     }
@@ -107,7 +124,7 @@ int chooseVolume(const std::string& name, const fs::path& requested, fs::path& o
             found = true;
         }
     }
-    return found ? kOk : kNoVolume;
+    return found ? kOk : refuse(kNoVolume, "there is no volume");
 }
 
 }  // namespace quor

@@ -36,17 +36,20 @@ public:
     int run() {
         int code = prepare();
         if (code != kOk) return code;
-        if (!writeJournal(change_)) return kStoreUnusable;
+        if (!writeJournal(change_))
+            return refuse(kStoreUnusable, "cannot write the journal of " + name());
         code = stage();
         if (code == kOk) code = runPreScript();
         if (code == kOk) {
             failpoint("install-staged");
             change_.step = "commit";
-            if (!writeJournal(change_)) code = kStoreUnusable;
+            if (!writeJournal(change_))
+                code = refuse(kStoreUnusable, "cannot write the journal of " + name());
         }
         if (code != kOk) return undo(code);
         failpoint("install-commit");
-        if (!commitStaged(change_)) return undo(kStoreUnusable);
+        if (!commitStaged(change_))
+            return undo(refuse(kStoreUnusable, "cannot move the staged " + name() + " into place"));
         failpoint("install-committed");
         code = runPostScript();
         if (code != kOk) return undo(code);
@@ -72,7 +75,9 @@ private:
         if (code != kOk) return code;
         // A script of this very package's change in progress may not change it.
         Change pending;
-        if (readJournal(name(), pending)) return kLocked;
+        if (readJournal(name(), pending))
+            return refuse(kLocked,
+                          "a change of " + name() + " is in progress (" + pending.op + ")");
         change_.name = name();
         change_.op = isInstalled(name()) ? "upgrade" : "install";
         change_.step = "stage";
@@ -105,13 +110,14 @@ private:
         if (code != kOk) return code;
         failpoint("install-stage");
         if (!writeFileAtomic(paths_.packageNew / "INFO", formatManifest(head_.manifest)))
-            return kStoreUnusable;
+            return refuse(kStoreUnusable, "cannot write " + (paths_.packageNew / "INFO").string());
         fs::create_symlink(targetLinkText(change_.volume, name()), paths_.packageNew / "target",
                            ec);
         if (!ec && !upgrade()) fs::create_directory(paths_.packageNew / "var", ec);
-        if (ec) return ioFailure(ec);
+        if (ec) return refuse(ioFailure(ec), "cannot stage " + name() + ": " + ec.message());
         if (wasEnabled_ && !writeFileAtomic(paths_.packageNew / "enabled", ""))
-            return kStoreUnusable;
+            return refuse(kStoreUnusable,
+                          "cannot write " + (paths_.packageNew / "enabled").string());
         flushStaging(paths_);
         return kOk;
     }
@@ -130,11 +136,13 @@ private:
         run.target = paths_.app;
         run.workDir = upgrade() ? paths_.package : paths_.packageNew;
         ScriptOutcome outcome = runScript(run);
-        if (outcome.timedOut) return kScriptTimeout;
+        if (outcome.timedOut)
+            return refuse(kScriptTimeout, name() + ": " + script + " timed out and was killed");
         if (!outcome.launched || outcome.exitCode != 0) {
             logPackageEvent(name(),
                             script + " failed with status " + std::to_string(outcome.exitCode));
-            return kScriptFailed;
+            return refuse(kScriptFailed, name() + ": " + script + " failed with exit code " +
+                                             std::to_string(outcome.exitCode));
         }
         return kOk;
     }
@@ -214,7 +222,7 @@ private:
 }  // namespace
 
 int installPackage(const InstallRequest& request, ServiceHooks& services) {
-    if (request.file.empty()) return kBadArgument;
+    if (request.file.empty()) return refuse(kBadArgument, "no package file named");
     int code = kOk;
     std::optional<StoreLock> lock = StoreLock::acquire(code);
     if (!lock) return code;

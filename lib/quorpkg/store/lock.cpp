@@ -67,7 +67,7 @@ std::optional<StoreLock> StoreLock::acquire(int& code) {
     if (inheritedFromParent()) return StoreLock(UniqueFd(), false);
     UniqueFd fd = openLockFile();
     if (!fd) {
-        code = kStoreUnusable;
+        code = refuse(kStoreUnusable, "cannot open " + layout::lockFile().string());
         return std::nullopt;
     }
     // flock has no time limit of its own: poll, with a short pause that
@@ -82,7 +82,10 @@ std::optional<StoreLock> StoreLock::acquire(int& code) {
                 ::syslog(LOG_ERR, "quorpkg: package store is locked by pid %s; gave up after %d s",
                          readHolder(fd.get()).c_str(), timeout);
             }
-            code = busy ? kLocked : kStoreUnusable;
+            code = busy ? refuse(kLocked, "the package store is locked by pid " +
+                                              readHolder(fd.get()) + "; gave up after " +
+                                              std::to_string(timeout) + " s")
+                        : refuse(kStoreUnusable, "cannot lock " + layout::lockFile().string());
             return std::nullopt;
         }
         std::this_thread::sleep_for(pause);

@@ -26,12 +26,16 @@ int runPackageScript(const std::string& name, const std::string& script,
     if (run.target.empty()) run.target = layout::targetLink(name);
 
     ScriptOutcome outcome = runScript(run);
-    if (outcome.timedOut) return kScriptTimeout;
+    if (outcome.timedOut)
+        return refuse(kScriptTimeout, name + ": " + describeRun(run) + " timed out and was killed");
     if (!outcome.launched || outcome.exitCode != 0) {
         if (outcome.launched)
             logPackageEvent(
                 name, describeRun(run) + " failed with status " + std::to_string(outcome.exitCode));
-        return kScriptFailed;
+        return refuse(kScriptFailed, name + ": " + describeRun(run) +
+                                         (outcome.launched ? " failed with exit code " +
+                                                                 std::to_string(outcome.exitCode)
+                                                           : " could not be run"));
     }
     return kOk;
 }

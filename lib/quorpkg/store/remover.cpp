@@ -22,18 +22,20 @@ namespace {
 int checkRequest(const std::vector<std::string>& names, std::vector<std::string>& unique) {
     std::set<std::string> seen;
     for (const std::string& name : names) {
-        if (!isValidPackageName(name)) return kBadArgument;
-        if (!isInstalled(name)) return kNoSuchPackage;
+        if (!isValidPackageName(name)) return refuse(kBadArgument, "not a package name: " + name);
+        if (!isInstalled(name)) return refuse(kNoSuchPackage, name + " is not installed");
         // A script of this very package's change in progress may not remove it.
         Change pending;
-        if (readJournal(name, pending)) return kLocked;
+        if (readJournal(name, pending))
+            return refuse(kLocked, "a change of " + name + " is in progress (" + pending.op + ")");
         if (seen.insert(name).second) unique.push_back(name);
     }
     for (const std::string& other : installedPackages()) {
         Manifest manifest;
         if (seen.count(other) || readInstalledManifest(other, manifest) != kOk) continue;
         for (const Dependency& required : manifest.depends)
-            if (seen.count(required.name)) return kHasDependents;
+            if (seen.count(required.name))
+                return refuse(kHasDependents, required.name + " is required by installed " + other);
     }
     return kOk;
 }
@@ -95,7 +97,8 @@ private:
         change.name = name;
         change.step = "prepare";
         change.volume = installedVolume(name);
-        if (!writeJournal(change)) return kStoreUnusable;
+        if (!writeJournal(change))
+            return refuse(kStoreUnusable, "cannot write the journal of " + name);
         readInstalledManifest(name, package.manifest);
         package.wasEnabled = isEnabled(name);
         leaving_.push_back(std::move(package));
@@ -135,7 +138,8 @@ private:
         Change& change = package.change;
         const std::string& name = change.name;
         change.step = "commit";
-        if (!writeJournal(change)) return kStoreUnusable;
+        if (!writeJournal(change))
+            return refuse(kStoreUnusable, "cannot write the journal of " + name);
         failpoint("remove-commit");
         if (!commitRemoval(change)) {
             // Undone here; the journal is left for the next change otherwise.
@@ -145,7 +149,7 @@ private:
             if (!paths.oldApp.empty() && !fs::exists(paths.oldApp, ec))
                 fs::rename(paths.appOld, paths.oldApp, ec);
             if (!ec) clearJournal(name);
-            return kStoreUnusable;
+            return refuse(kStoreUnusable, "cannot move the files of " + name + " aside");
         }
         removeWebEntry(name);
         failpoint("remove-finish");
@@ -175,7 +179,7 @@ private:
 }  // namespace
 
 int removePackages(const std::vector<std::string>& names, ServiceHooks& services, bool runScripts) {
-    if (names.empty()) return kBadArgument;
+    if (names.empty()) return refuse(kBadArgument, "no package named");
     int code = kOk;
     std::optional<StoreLock> lock = StoreLock::acquire(code);
     if (!lock) return code;

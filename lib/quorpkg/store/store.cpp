@@ -32,12 +32,16 @@ bool isInstalled(const std::string& name) {
 // The manifest of the package in `dir`. It is read first: only a package
 // without a readable one needs the look whether it is installed at all.
 static int readManifestIn(const fs::path& dir, const std::string& name, Manifest& out) {
-    if (!isValidPackageName(name)) return kNoSuchPackage;
+    if (!isValidPackageName(name)) return refuse(kNoSuchPackage, "not a package name: " + name);
     std::optional<std::string> text = readFile(dir / "INFO");
-    if (!text) return isInstalled(name) ? kBroken : kNoSuchPackage;
+    if (!text)
+        return isInstalled(name)
+                   ? refuse(kBroken, name + " has no readable " + (dir / "INFO").string())
+                   : refuse(kNoSuchPackage, name + " is not installed");
     Manifest manifest;
     // A manifest that names another package is as good as none.
-    if (parseManifest(*text, manifest) != kOk || manifest.name != name) return kBroken;
+    if (parseManifest(*text, manifest) != kOk || manifest.name != name)
+        return refuse(kBroken, (dir / "INFO").string() + " is not a valid manifest of " + name);
     out = std::move(manifest);
     return kOk;
 }

@@ -1,0 +1,56 @@
+#include "base/operation_log.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <system_error>
+
+#include "base/capped_file.h"
+#include "base/result.h"
+#include "base/system_root.h"
+
+namespace quor {
+namespace {
+
+// One line per operation, whatever a package name or a script said.
+std::string printable(std::string text) {
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+    return text;
+}
+
+std::string utcStamp() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return stamp;
+}
+
+}  // namespace
+
+std::filesystem::path operationLogFile() {
+    return hostPath("/var/log/quorpkg.log");
+}
+
+std::string operationLine(const std::string& name, const std::string& package,
+                          const Outcome& outcome) {
+    return printable(name) + " " + (package.empty() ? "-" : printable(package)) + ": " +
+           std::to_string(outcome.code) + " " + printable(outcome.reason);
+}
+
+void logOperation(const std::string& name, const std::string& package, const Outcome& outcome) {
+    const std::string line = operationLine(name, package, outcome);
+    const std::filesystem::path file = operationLogFile();
+    std::error_code ec;
+    std::filesystem::create_directories(file.parent_path(), ec);
+    appendCapped(file, utcStamp() + " [" + std::to_string(::getpid()) + "] " + line + "\n",
+                 kOperationLogCap);
+    // No openlog: its name and options are the process's, and the tool's own
+    // lines keep theirs.
+    ::syslog((outcome.code == kOk ? LOG_INFO : LOG_WARNING) | LOG_USER, "%s", line.c_str());
+}
+
+}  // namespace quor

@@ -1,0 +1,28 @@
+// The platform log: one line per operation in $QUOR_ROOT/var/log/quorpkg.log,
+// the same words in the system log, so that a refusal always leaves its
+// reason where a person can read it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "base/operation.h"
+
+namespace quor {
+
+// Where the file is kept, and how large it may grow before it is moved to
+// quorpkg.log.1.
+std::filesystem::path operationLogFile();
+inline constexpr uintmax_t kOperationLogCap = 1 << 20;
+
+// "<name> <package>: <code> <reason>": control characters become blanks,
+// an empty package is "-".
+std::string operationLine(const std::string& name, const std::string& package,
+                          const Outcome& outcome);
+
+// Appends "<UTC time> [<pid>] <line>" to the file and sends the line to
+// syslog. Never fails: a log that cannot be written is skipped.
+void logOperation(const std::string& name, const std::string& package, const Outcome& outcome);
+
+}  // namespace quor
