@@ -69,15 +69,15 @@ public:
     // The operation on this thread, or null.
     static Operation* current();
 
+    // A failure site's words for `code` (base/result.h: refuse, fail).
     void note(int code, const std::string& reason);
+    // The operation's answer: stored in its slot when it ends.
     void settle(int code);
     // The outcome so far: the settled code (kOk when none) and the reasons
     // noted for it.
     Outcome outcome() const;
 
 private:
-    friend class InheritOperation;
-
     Operation* joined_ = nullptr;  // the outer operation this one joined
     Operation* previous_ = nullptr;
     std::string name_;
