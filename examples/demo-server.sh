@@ -13,6 +13,7 @@ source "$here/../scripts/common.sh"
 quor_tools "${1:-}" "${2:-}"
 command -v python3 >/dev/null || { echo "python3 is needed for the HTTP server" >&2; exit 1; }
 quor_device
+quor_publisher_key
 work=$(mktemp -d /tmp/quor-repo.XXXXXX)
 repo=$work/repo
 mkdir -p "$repo"
@@ -28,7 +29,7 @@ publish() {
     src=$work/$1-$2
     name=$1-$2
   fi
-  "$ZPK" build "$src" -o "$repo/$name.zpk" >/dev/null
+  "$ZPK" build "$src" -o "$repo/$name.zpk" --sign "$SIGN_KEY" >/dev/null
 }
 
 # Waits for a background installation to finish (bounded), then shows it.
@@ -44,8 +45,8 @@ wait_task() {
 echo "== A package server (device root: $QUOR_ROOT)"
 echo
 for src in textutils notebook reporter; do publish "$src"; done
-echo "\$ zpk index ${repo#"$work/"}"
-(cd "$work" && "$ZPK" index repo)
+echo "\$ zpk index ${repo#"$work/"} --sign publisher.key"
+(cd "$work" && "$ZPK" index repo --sign "$SIGN_KEY")
 echo
 
 start_http_server "$repo" "$work/http.log"
@@ -63,7 +64,7 @@ run list
 echo "== Newer versions appear on the server"
 publish textutils 1.1.0
 publish notebook 2.2-0001
-(cd "$work" && "$ZPK" index repo >/dev/null)
+(cd "$work" && "$ZPK" index repo --sign "$SIGN_KEY" >/dev/null)
 # The cached catalog does not know them yet; a fresh check resets the cache.
 run checkupdateall
 run chkupgradepkg
@@ -81,6 +82,14 @@ run upgradeall false
 run list
 run checkupdateall
 show "$QUOR_ROOT/var/packages/notebook/var/notes.txt"
+
+echo "== A catalog changed after signing is refused: the check fails"
+cp "$repo/catalog.json" "$work/catalog.good"
+sed -i 's/"important" : false/"important" : true/' "$repo/catalog.json"
+echo changed > "$repo/catalog.hash"
+run chkupgradepkg
+cp "$work/catalog.good" "$repo/catalog.json"
+(cd "$work" && "$ZPK" index repo --sign "$SIGN_KEY" >/dev/null)
 
 echo "== The server goes away: checks fail and the remembered hash stays"
 stop_http_server

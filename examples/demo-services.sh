@@ -12,13 +12,14 @@ here=$(cd "$(dirname "$0")" && pwd)
 source "$here/../scripts/common.sh"
 quor_tools "${1:-}" "${2:-}"
 quor_device
+quor_publisher_key
 zpks="$QUOR_ROOT/zpk"
 mkdir -p "$zpks"
 
 echo "== Services (device root: $QUOR_ROOT)"
 echo
 for src in heartbeat dbviewer legacytool; do
-  "$ZPK" build "$here/packages/$src" -o "$zpks/$src.zpk" >/dev/null
+  "$ZPK" build "$here/packages/$src" -o "$zpks/$src.zpk" --sign "$SIGN_KEY" >/dev/null
   # Installing a package with a service turns it on and starts it.
   run install "$zpks/$src.zpk"
 done

@@ -16,12 +16,30 @@ mkdir -p "$zpks"
 
 echo "== Device root: $device (volumes: volume1, volume2)"
 echo
-echo "== Building the example packages"
+echo "== The publisher's signing key; the device trusts its public half"
+quor_publisher_key
+ls "$zpks" "$device/etc/quorpkg/keys"
+echo
+echo "== Building the example packages, signed"
 for src in textutils notebook reporter; do
-  "$ZPK" build "$here/packages/$src" -o "$zpks/$src.zpk"
+  "$ZPK" build "$here/packages/$src" -o "$zpks/$src.zpk" --sign "$SIGN_KEY"
 done
 ls -l "$zpks"
+"$ZPK" info "$zpks/notebook.zpk" | grep -E '^(sha256|signature):'
 echo
+
+echo "== Files the device refuses: unsigned, and changed after signing"
+"$ZPK" build "$here/packages/notebook" -o "$zpks/unsigned.zpk" >/dev/null
+run install "$zpks/unsigned.zpk"
+tampered=$(mktemp -d)
+tar -xf "$zpks/notebook.zpk" -C "$tampered" 2>/dev/null
+sed -i 's/^description=.*/description="Changed after signing"/' "$tampered/INFO"
+members=$(tar -tf "$zpks/notebook.zpk" 2>/dev/null)
+(cd "$tampered" && tar --format=pax --no-recursion -cf "$zpks/tampered.zpk" $members)
+rm -rf "$tampered"
+run install "$zpks/tampered.zpk"
+show "$device/var/log/packages/notebook.log"
+rm "$zpks/unsigned.zpk" "$zpks/tampered.zpk" "$device/var/log/packages/notebook.log"
 
 echo "== Package files"
 run query "$zpks/notebook.zpk"

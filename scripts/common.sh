@@ -27,6 +27,16 @@ quor_device() {
   mkdir -p "$QUOR_ROOT/volume1" "$QUOR_ROOT/volume2" "$QUOR_ROOT/etc/quorpkg"
 }
 
+# The demo publisher's key pair (made once per device, beside its package
+# files) and the device's trust in it; sets SIGN_KEY to the private key.
+quor_publisher_key() {
+  local dir=$QUOR_ROOT/zpk
+  mkdir -p "$dir" "$QUOR_ROOT/etc/quorpkg/keys"
+  [ -f "$dir/publisher.key" ] || (cd "$dir" && "$ZPK" keygen publisher >/dev/null)
+  cp "$dir/publisher.pub" "$QUOR_ROOT/etc/quorpkg/keys/"
+  SIGN_KEY=$dir/publisher.key
+}
+
 # Shows a quorpkg command as typed, everything it prints, then its status.
 run() {
   echo "\$ quorpkg $*"

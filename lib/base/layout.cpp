@@ -33,6 +33,7 @@ Path listDir() { return hostPath("/var/cache/quorpkg/list"); }
 Path settingsFile() { return hostPath("/etc/quorpkg/settings"); }
 Path sourcesFile() { return hostPath("/etc/quorpkg/sources"); }
 Path firmwareLimitsFile() { return hostPath("/etc/quorpkg/firmware-limits"); }
+Path trustedKeysDir() { return hostPath("/etc/quorpkg/keys"); }
 Path webEntry(const std::string& name) {
     return hostPath("/usr/quor/quorman/webman/3rdparty") / name;
 }

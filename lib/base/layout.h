@@ -30,6 +30,7 @@ Path listDir();                            // /var/cache/quorpkg/list
 Path settingsFile();                       // /etc/quorpkg/settings
 Path sourcesFile();                        // /etc/quorpkg/sources
 Path firmwareLimitsFile();                 // /etc/quorpkg/firmware-limits
+Path trustedKeysDir();                     // /etc/quorpkg/keys
 Path webEntry(const std::string& name);    // /usr/quor/quorman/webman/3rdparty/<name>
 Path notificationsFile();                  // /var/spool/quorpkg/notifications
 Path hwRequestsFile();                     // /run/hwcontrol/requests

@@ -23,6 +23,7 @@ enum ResultCode : int {
     kUnsafeEntry = 113,
     kWrongArch = 114,
     kFirmwareTooOld = 115,
+    kSignatureRefused = 116,
     kMissingDependency = 120,
     kConflict = 121,
     kDependencyCycle = 122,

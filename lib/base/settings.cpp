@@ -41,6 +41,7 @@ Settings loadSettings() {
     readNumber(*pairs, "catalog_ttl", settings.catalog_ttl);
     readText(*pairs, "firmware_version", settings.firmware_version);
     readText(*pairs, "arch", settings.arch);
+    readText(*pairs, "require_signature", settings.require_signature);
     return settings;
 }
 

@@ -15,6 +15,7 @@ struct Settings {
     long catalog_ttl = 86400;            // seconds
     std::string firmware_version = "7.0";
     std::string arch;                    // empty means `uname -m`
+    std::string require_signature;       // yes, no; empty: yes once a key is trusted
 };
 
 Settings loadSettings();

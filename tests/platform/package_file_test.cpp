@@ -288,6 +288,17 @@ TEST_F(PackageFileTest, QuerySkipsPayloadAndUnpackChecksItFirst) {
     EXPECT_EQ(head.manifest.name, "d");
     EXPECT_EQ(unpack(file), kChecksumMismatch);
 
+    // The sha256 is checked too, when the manifest has one.
+    fs::path wrongSha = dir_.path() / "sha.zpk";
+    const std::string sha = "sha256=\"" + std::string(64, 'a') + "\"\n";
+    test::writeTar(wrongSha, {test::fileEntry("INFO", test::infoText("d", "1", payload) + sha),
+                              test::fileEntry("package.tgz", payload)});
+    EXPECT_EQ(unpack(wrongSha), kChecksumMismatch);
+    test::writeTar(wrongSha,
+                   {test::fileEntry("INFO", test::infoText("d", "1", payload) + "sha256=\"ab\"\n"),
+                    test::fileEntry("package.tgz", payload)});
+    EXPECT_EQ(unpack(wrongSha), kBadManifest);
+
     // A damaged payload whose checksum matches cannot be read.
     EXPECT_EQ(unpack(handMade(corrupt)), kFileUnreadable);
     // A payload that is not compressed as its name says cannot be read.

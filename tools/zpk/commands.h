@@ -3,13 +3,26 @@
 // returns the exit status: 0 success, 1 failure, 2 bad usage.
 #pragma once
 
-// zpk build DIR -o FILE.zpk [--zstd]: build.cpp
+#include <optional>
+
+#include "quorpkg/package/signing_key.h"
+
+// zpk build DIR -o FILE.zpk [--zstd] [--sign KEY]: build.cpp
 int zpkBuild(int argc, char** argv);
 // zpk info FILE.zpk: info.cpp
 int zpkInfo(int argc, char** argv);
-// zpk index DIR: index.cpp, writes the package server's catalog for a folder
+// zpk index DIR [--sign KEY]: index.cpp, writes the package server's catalog for a folder
 // of package files. Its row in the table of main.cpp comes with that file.
 int zpkIndex(int argc, char** argv);
+
+// zpk keygen NAME: sign.cpp, writes NAME.key (private, mode 0600) and
+// NAME.pub (for devices).
+int zpkKeygen(int argc, char** argv);
+// zpk sign FILE.zpk KEY: sign.cpp, signs a package file in place.
+int zpkSign(int argc, char** argv);
+
+// The private key in `file`, or nothing after a message on standard error.
+std::optional<quor::SigningKey> zpkLoadKey(const char* file);
 
 // Prints "zpk: <message>" to standard error and returns `status`.
 int zpkError(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -60,6 +60,15 @@ int zpkInfo(int argc, char** argv) {
     field("firmware:", m.firmware);
     field("arch:", m.arch.empty() ? "noarch" : m.arch);
     field("checksum:", m.checksum);
+    field("sha256:", m.sha256);
+    // Whether the signature is good is the device's question: it depends on
+    // the keys it trusts.
+    std::string signature = "none";
+    if (head.signature)
+        signature = "key " + head.signature->keyId;
+    else if (head.hasSignature)
+        signature = "unreadable (" + head.signatureProblem + ")";
+    field("signature:", signature);
     std::string mask = std::to_string(head.scriptMask);
     if (head.scriptMask != 0) mask += " (" + scriptNames(head.scriptMask) + ")";
     field("script_mask:", mask);

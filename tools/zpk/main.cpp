@@ -15,11 +15,15 @@ struct Command {
 
 const Command kCommands[] = {
     {"build", zpkBuild,
-     "build DIR -o FILE.zpk [--zstd]   build a package file from a source folder"},
+     "build DIR -o FILE.zpk [--zstd] [--sign KEY]\n"
+     "                                   build a package file from a source folder"},
     {"info", zpkInfo,
      "info FILE.zpk                    print a package file's manifest and members"},
     {"index", zpkIndex,
-     "index DIR                        write the package server catalog of a folder"},
+     "index DIR [--sign KEY]           write the package server catalog of a folder"},
+    {"keygen", zpkKeygen,
+     "keygen NAME                      make a signing key pair: NAME.key and NAME.pub"},
+    {"sign", zpkSign, "sign FILE.zpk KEY                sign a package file with a private key"},
 };
 
 int usage(FILE* out) {

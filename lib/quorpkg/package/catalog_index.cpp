@@ -11,6 +11,8 @@
 #include "base/result.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_file.h"
+#include "quorpkg/package/signed_statement.h"
+#include "quorpkg/package/trust.h"
 #include "quorpkg/package/version.h"
 
 namespace fs = std::filesystem;
@@ -45,8 +47,8 @@ int entryOf(const fs::path& file, Json::Value& entry, std::string* error) {
     int code = readPackageHead(file, head, &why);
     std::error_code ec;
     const uint64_t size = fs::file_size(file, ec);
-    std::optional<std::string> md5 = fileMd5Hex(file);
-    if (code == kOk && (ec || !md5)) code = kFileUnreadable;
+    std::optional<FileDigests> digests = fileDigests(file);
+    if (code == kOk && (ec || !digests)) code = kFileUnreadable;
     if (code != kOk) {
         if (error) *error = file.string() + ": " + (why.empty() ? "cannot be read" : why);
         return code;
@@ -60,7 +62,8 @@ int entryOf(const fs::path& file, Json::Value& entry, std::string* error) {
     entry["type"] = 0;
     entry["size"] = Json::UInt64(size);
     entry["link"] = escapeUrlSegment(file.filename().string());
-    entry["md5"] = *md5;
+    entry["md5"] = digests->md5;
+    entry["sha256"] = digests->sha256;
     entry["beta"] = manifest.beta;
     entry["important"] = manifestValue(manifest, "important") == "yes";
     entry["deps"] = manifestValue(manifest, "install_dep_packages");
@@ -107,13 +110,30 @@ int buildCatalog(const fs::path& dir, Json::Value& catalog, std::string* error) 
     return kOk;
 }
 
-int writeCatalogFiles(const fs::path& dir, const Json::Value& catalog, std::string* error) {
+int writeCatalogFiles(const fs::path& dir, const Json::Value& catalog, std::string* error,
+                      const SigningKey* key) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
-    // The catalog goes first: a client that sees the new hash finds the new
-    // catalog behind it.
-    if (!writeFileAtomic(dir / "catalog.json", Json::writeString(builder, catalog) + "\n") ||
-        !writeFileAtomic(dir / "catalog.hash", catalog["hash"].asString() + "\n")) {
+    const std::string text = Json::writeString(builder, catalog) + "\n";
+    std::string signature;
+    if (key) {
+        const std::string statement =
+            statementHeader(StatementKind::kCatalog, key->id()) + catalogStatementBody(text);
+        const std::string bytes = key->sign(statement);
+        if (bytes.empty()) {
+            if (error) *error = "cannot sign with key " + key->id();
+            return kBadArgument;
+        }
+        signature = formatSigned(bytes, statement);
+    }
+    // The catalog and its signature go first: a client that sees the new
+    // hash finds them behind it.
+    const fs::path sigFile = dir / "catalog.json.sig";
+    std::error_code ec;
+    bool ok = writeFileAtomic(dir / "catalog.json", text);
+    if (ok && key) ok = writeFileAtomic(sigFile, signature);
+    if (ok && !key) ok = fs::remove(sigFile, ec) || !ec;
+    if (!ok || !writeFileAtomic(dir / "catalog.hash", catalog["hash"].asString() + "\n")) {
         if (error) *error = "cannot write the catalog into " + dir.string();
         return kStoreUnusable;
     }

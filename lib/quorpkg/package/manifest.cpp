@@ -59,6 +59,12 @@ bool isValidArch(std::string_view arch) {
     return true;
 }
 
+std::string lowerHex(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
 // Reads the known keys of `pairs` into `out`; false with a reason otherwise.
 bool readFields(const KeyValues& pairs, Manifest& out, std::string& why) {
     auto get = [&](std::string_view key) -> std::string {
@@ -91,13 +97,16 @@ bool readFields(const KeyValues& pairs, Manifest& out, std::string& why) {
         return why = "invalid firmware version", false;
     out.arch = get("arch");
     if (!isValidArch(out.arch)) return why = "invalid arch", false;
-    out.checksum = get("checksum");
-    for (char& c : out.checksum)
-        if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
+    out.checksum = lowerHex(get("checksum"));
     if (!out.checksum.empty() &&
         (out.checksum.size() != 32 ||
          out.checksum.find_first_not_of("0123456789abcdef") != std::string::npos))
         return why = "checksum must be 32 hex digits", false;
+    out.sha256 = lowerHex(get("sha256"));
+    if (!out.sha256.empty() &&
+        (out.sha256.size() != 64 ||
+         out.sha256.find_first_not_of("0123456789abcdef") != std::string::npos))
+        return why = "sha256 must be 64 hex digits", false;
     return true;
 }
 

@@ -31,6 +31,7 @@ struct Manifest {
     std::string firmware;  // lowest firmware version that runs the package
     std::string arch;      // "noarch" or a `uname -m` name; empty means noarch
     std::string checksum;  // md5 of the payload member, lower-case hex
+    std::string sha256;    // sha256 of the payload member, lower-case hex
     int admin_port = 0;
     bool beta = false;
     std::vector<Dependency> depends;

@@ -11,16 +11,16 @@
 
 namespace quor {
 
-Md5::Md5() : ctx_(EVP_MD_CTX_new()) {
-    if (!ctx_ || EVP_DigestInit_ex(ctx_.get(), EVP_md5(), nullptr) != 1)
-        throw std::runtime_error("md5 is not available");
+Digest::Digest(const EVP_MD* algorithm) : ctx_(EVP_MD_CTX_new()) {
+    if (!ctx_ || EVP_DigestInit_ex(ctx_.get(), algorithm, nullptr) != 1)
+        throw std::runtime_error("digest is not available");
 }
 
-void Md5::update(const void* data, size_t size) {
+void Digest::update(const void* data, size_t size) {
     EVP_DigestUpdate(ctx_.get(), data, size);
 }
 
-std::string Md5::hex() {
+std::string Digest::hex() {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_DigestFinal_ex(ctx_.get(), digest, &length);
@@ -33,10 +33,11 @@ std::string Md5::hex() {
     return out;
 }
 
-std::optional<std::string> fileMd5Hex(const std::filesystem::path& file) {
+std::optional<FileDigests> fileDigests(const std::filesystem::path& file) {
     UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return std::nullopt;
     Md5 md5;
+    Sha256 sha256;
     char buffer[1 << 16];
     for (;;) {
         ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
@@ -44,14 +45,27 @@ std::optional<std::string> fileMd5Hex(const std::filesystem::path& file) {
         if (n < 0) return std::nullopt;
         if (n == 0) break;
         md5.update(buffer, static_cast<size_t>(n));
+        sha256.update(buffer, static_cast<size_t>(n));
     }
-    return md5.hex();
+    return FileDigests{md5.hex(), sha256.hex()};
+}
+
+std::optional<std::string> fileMd5Hex(const std::filesystem::path& file) {
+    std::optional<FileDigests> digests = fileDigests(file);
+    if (!digests) return std::nullopt;
+    return digests->md5;
 }
 
 std::string dataMd5Hex(std::string_view data) {
     Md5 md5;
     md5.update(data.data(), data.size());
     return md5.hex();
+}
+
+std::string dataSha256Hex(std::string_view data) {
+    Sha256 sha256;
+    sha256.update(data.data(), data.size());
+    return sha256.hex();
 }
 
 bool sameDigest(std::string_view a, std::string_view b) {
@@ -61,6 +75,10 @@ bool sameDigest(std::string_view a, std::string_view b) {
             std::tolower(static_cast<unsigned char>(b[i])))
             return false;
     return true;
+}
+
+bool isLowerHex(std::string_view text, size_t digits) {
+    return text.size() == digits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
 }  // namespace quor

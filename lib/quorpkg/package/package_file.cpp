@@ -11,6 +11,7 @@
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
 #include "quorpkg/package/entry_check.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_reader.h"
 
 namespace quor {
@@ -28,6 +29,8 @@ constexpr std::array<std::pair<std::string_view, int>, 7> kScripts = {{
 
 // A manifest is a few lines; anything larger is not one.
 constexpr la_int64_t kMaxManifestSize = 1 << 20;
+// A signature lists every member in a line: room for many thousands.
+constexpr la_int64_t kMaxSignatureSize = 16 << 20;
 
 bool startsWith(std::string_view s, std::string_view prefix) {
     return s.substr(0, prefix.size()) == prefix;
@@ -41,31 +44,53 @@ std::optional<MemberKind> classify(const std::string& name, mode_t type) {
     if (startsWith(name, "conf/")) return dir ? MemberKind::kDirectory : MemberKind::kConf;
     if (type != AE_IFREG) return std::nullopt;
     if (name == "INFO") return MemberKind::kInfo;
+    if (name == kSignatureMember) return MemberKind::kSignature;
     if (name == "package.tgz" || name == "package.tzst") return MemberKind::kPayload;
     if (startsWith(name, "scripts/") && scriptBit(name.substr(8)) != 0) return MemberKind::kScript;
     return std::nullopt;
 }
 
-int readManifestText(archive* reader, archive_entry* entry, std::string& text, std::string& why) {
-    if (archive_entry_size(entry) > kMaxManifestSize) {
-        why = "INFO is too large";
+}  // namespace
+
+int readSmallMember(archive* reader, archive_entry* entry, const std::string& name,
+                    la_int64_t limit, std::string& text, std::string& why) {
+    if (archive_entry_size(entry) > limit) {
+        why = name + " is too large";
         return kBadManifest;
     }
     char buffer[8192];
     la_ssize_t n;
     while ((n = archive_read_data(reader, buffer, sizeof buffer)) > 0) {
         text.append(buffer, static_cast<size_t>(n));
-        if (static_cast<la_int64_t>(text.size()) > kMaxManifestSize) {
-            why = "INFO is too large";
+        if (static_cast<la_int64_t>(text.size()) > limit) {
+            why = name + " is too large";
             return kBadManifest;
         }
     }
     if (n < 0) {
-        why = "cannot read INFO: " + archive_io::errorText(reader);
+        why = "cannot read " + name + ": " + archive_io::errorText(reader);
         return kFileUnreadable;
     }
     return kOk;
 }
+
+int memberSha256(archive* reader, const std::string& name, std::string& sha256, std::string& why) {
+    Sha256 digest;
+    const void* block;
+    size_t size;
+    la_int64_t offset;
+    int r;
+    while ((r = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK)
+        digest.update(block, size);
+    if (r != ARCHIVE_EOF) {
+        why = "cannot read " + name + ": " + archive_io::errorText(reader);
+        return kFileUnreadable;
+    }
+    sha256 = digest.hex();
+    return kOk;
+}
+
+namespace {
 
 // Whether the tar block that ends at `end` is all zeros: the end-of-archive
 // marker that the reader consumed before reporting the end.
@@ -151,7 +176,7 @@ int readPackageHead(const std::filesystem::path& file, PackageFileHead& out, std
         return refuse(kFileUnreadable, "cannot open " + file.string() + " as a regular file");
     }
     PackageFileHead head;
-    std::string infoText;
+    std::string infoText, signatureText;
     bool haveInfo = false;
     auto visit = [&](archive* reader, archive_entry* entry, const std::string& name,
                      MemberKind kind, std::string& reason) {
@@ -159,7 +184,11 @@ int readPackageHead(const std::filesystem::path& file, PackageFileHead& out, std
         switch (kind) {
             case MemberKind::kInfo:
                 haveInfo = true;
-                return readManifestText(reader, entry, infoText, reason);
+                return readSmallMember(reader, entry, name, kMaxManifestSize, infoText, reason);
+            case MemberKind::kSignature:
+                head.hasSignature = true;
+                return readSmallMember(reader, entry, name, kMaxSignatureSize, signatureText,
+                                       reason);
             case MemberKind::kPayload:
                 if (!head.payloadMember.empty()) {
                     reason = "two payloads: " + head.payloadMember + " and " + name;
@@ -185,6 +214,14 @@ int readPackageHead(const std::filesystem::path& file, PackageFileHead& out, std
         code = kBadManifest;
     }
     if (code == kOk) code = parseManifest(infoText, head.manifest, &why);
+    if (code == kOk) {
+        head.infoSha256 = dataSha256Hex(infoText);
+        // A signature that cannot be read is the trust check's to refuse;
+        // a query still reads the file.
+        if (head.hasSignature)
+            head.signature =
+                parseSigned(signatureText, StatementKind::kPackage, head.signatureProblem);
+    }
     if (code != kOk) {
         if (error) *error = why;
         return refuse(code, file.string() + ": " + why);

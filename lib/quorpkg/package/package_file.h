@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "quorpkg/package/manifest.h"
+#include "quorpkg/package/signed_statement.h"
 
 namespace quor {
 
@@ -26,12 +27,21 @@ enum ScriptBit : int {
 // The bit of a script name, 0 for an unknown name.
 int scriptBit(std::string_view scriptName);
 
+// The member that holds a package file's signature.
+inline constexpr const char* kSignatureMember = "SIGNATURE";
+
 // The manifest and the member names of a package file.
 struct PackageFileHead {
     Manifest manifest;
     int scriptMask = 0;
     std::string payloadMember;         // "package.tgz" or "package.tzst"
     std::vector<std::string> members;  // every member name, in archive order
+    std::string infoSha256;            // of the INFO member's bytes
+    // The SIGNATURE member, when there is one: its statement, or why it
+    // cannot be read (not checked here: see package_trust.h).
+    bool hasSignature = false;
+    std::optional<SignedStatement> signature;
+    std::string signatureProblem;
 };
 
 // Reads the manifest and the member names only; the payload is skipped, not
@@ -48,10 +58,13 @@ struct UnpackTargets {
     std::filesystem::path conf;     // conf/... members
 };
 
-// Checks the payload checksum against the manifest (kChecksumMismatch) and
-// every payload entry (kUnsafeEntry), then unpacks. Nothing is written before
-// the checksum has been verified; on failure the targets may hold a partial
-// unpack, which the caller (staging) discards. kNoSpace on ENOSPC.
+// Unpacks in one pass over the file, checking every payload entry
+// (kUnsafeEntry) before writing it, and at the end the payload's md5 and
+// sha256 against the manifest (kChecksumMismatch) and, for a signed file,
+// every member against the signed list (kSignatureRefused). The targets
+// are staging folders: nothing in them counts until the caller commits.
+// On failure the folders this call created are removed again. kNoSpace on
+// ENOSPC.
 // While writing, the process's working directory is each target in turn
 // (libarchive's safety checks take relative names only): other threads must
 // not use relative paths meanwhile. Unpacks in one process run one at a time.

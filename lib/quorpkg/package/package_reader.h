@@ -10,7 +10,7 @@
 
 namespace quor {
 
-enum class MemberKind { kInfo, kPayload, kScript, kConf, kDirectory };
+enum class MemberKind { kInfo, kPayload, kScript, kConf, kDirectory, kSignature };
 
 // Called once per member with the normalized name; the visitor may read the
 // member's data from `reader`, or leave it to be skipped. It returns kOk to
@@ -24,5 +24,14 @@ using MemberVisitor =
 // member outside the package layout or given twice (kBadManifest). A file
 // that is not an uncompressed tar, or is cut short, gives kFileUnreadable.
 int walkMembers(int fd, const MemberVisitor& visit, std::string& why);
+
+// Reads the current member's data into `text`, up to `limit` bytes
+// (kBadManifest beyond), kFileUnreadable when it cannot be read.
+int readSmallMember(archive* reader, archive_entry* entry, const std::string& name,
+                    la_int64_t limit, std::string& text, std::string& why);
+
+// The sha256 of the current member's data, read to its end; kOk, or
+// kFileUnreadable when it cannot be read.
+int memberSha256(archive* reader, const std::string& name, std::string& sha256, std::string& why);
 
 }  // namespace quor

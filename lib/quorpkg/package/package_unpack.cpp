@@ -1,9 +1,10 @@
-// Unpacking a package file: a first pass checks the payload's checksum and
-// every payload entry without writing anything; a second pass writes.
+// Unpacking a package file in one pass: every entry is checked before it
+// is written, the digests and the signed member list when the pass is over.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <optional>
@@ -11,8 +12,8 @@
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
+#include "quorpkg/package/digest_worker.h"
 #include "quorpkg/package/entry_check.h"
-#include "quorpkg/package/md5_worker.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
 
@@ -62,8 +63,9 @@ public:
     const fs::path& dir() const { return dir_; }
 
     // Writes `entry` under `name` with the data that follows it in `reader`.
+    // The data goes through `digest` too, when given.
     int write(archive* reader, archive_entry* entry, const std::string& name,
-              std::optional<mode_t> perm, std::string& why) {
+              std::optional<mode_t> perm, Digest* digest, std::string& why) {
         archive_entry_set_pathname(entry, name.c_str());
         // Modes are kept, except that no package gets set-id programs.
         mode_t mode = perm ? *perm : archive_entry_perm(entry) & ~mode_t(S_ISUID | S_ISGID);
@@ -75,6 +77,7 @@ public:
             la_int64_t offset;
             int r;
             while ((r = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
+                if (digest) digest->update(block, size);
                 if (archive_write_data_block(writer_.get(), block, size, offset) < ARCHIVE_OK)
                     return failed(name, why);
             }
@@ -119,30 +122,30 @@ private:
 // decompresses, checks and writes).
 struct PayloadStream {
     archive* outer;
-    Md5Worker md5;
+    DigestWorker digests;
 
     static la_ssize_t read(archive* inner, void* self, const void** block) {
         auto* stream = static_cast<PayloadStream*>(self);
-        char* buffer = stream->md5.buffer();
-        la_ssize_t n = archive_read_data(stream->outer, buffer, Md5Worker::kBufferSize);
+        char* buffer = stream->digests.buffer();
+        la_ssize_t n = archive_read_data(stream->outer, buffer, DigestWorker::kBufferSize);
         if (n < 0) {
             archive_set_error(inner, EIO, "%s", archive_io::errorText(stream->outer).c_str());
             return -1;
         }
         // libarchive reads a block until its next call; the worker keeps
         // kBuffers - 1 blocks back untouched.
-        stream->md5.submit(static_cast<size_t>(n));
+        stream->digests.submit(static_cast<size_t>(n));
         *block = buffer;
         return n;
     }
 };
 
-// Reads the payload's entries from the current member of `outer`: checks
-// each, and writes it with `disk` when given. The checksum is compared
-// after the whole member went through, and a mismatch outranks any other
-// failure, which a damaged payload would explain.
-int streamPayload(archive* outer, const std::string& member, const std::string& checksum,
-                  DiskWriter* disk, std::string& why) {
+// Reads the payload's entries from the current member of `outer`, checks
+// each and writes it with `disk`. The digests are compared after the whole
+// member went through, and a mismatch outranks any other failure, which a
+// damaged payload would explain. The member's sha256 goes to `sha256`.
+int streamPayload(archive* outer, const std::string& member, const Manifest& manifest,
+                  DiskWriter& disk, std::string& sha256, std::string& why) {
     auto stream = std::make_unique<PayloadStream>();
     stream->outer = outer;
     archive_io::ReadArchive inner(archive_read_new());
@@ -174,14 +177,10 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
             break;
         }
         std::optional<std::string> name = checker.check(entry, why);
-        if (!name) {
+        if (!name)
             code = kUnsafeEntry;
-        } else if (disk) {
-            if (!name->empty()) code = disk->write(inner.get(), entry, *name, std::nullopt, why);
-        } else if (archive_read_data_skip(inner.get()) != ARCHIVE_OK) {
-            why = "cannot read the payload " + member + ": " + archive_io::errorText(inner.get());
-            code = kFileUnreadable;
-        }
+        else if (!name->empty())
+            code = disk.write(inner.get(), entry, *name, std::nullopt, nullptr, why);
     }
     // Hash what the payload reader left of the member.
     const void* block;
@@ -189,39 +188,56 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
     la_int64_t offset;
     int r;
     while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK)
-        stream->md5.update(block, size);
+        stream->digests.update(block, size);
     if (r != ARCHIVE_EOF) {
         why = "cannot read " + member + ": " + archive_io::errorText(outer);
         return kFileUnreadable;
     }
-    if (!checksum.empty() && stream->md5.hex() != checksum) {
+    const FileDigests digests = stream->digests.finish();
+    sha256 = digests.sha256;
+    if ((!manifest.checksum.empty() && digests.md5 != manifest.checksum) ||
+        (!manifest.sha256.empty() && digests.sha256 != manifest.sha256)) {
         why = "checksum mismatch of " + member;
         return kChecksumMismatch;
     }
     return code;
 }
 
-// One pass over the package file; writes only when `targets` is given.
-int unpackPass(int fd, const std::string& checksum, const UnpackTargets* targets,
-               std::string& why) {
+// The one pass over the package file: writes the payload, scripts and conf
+// members into their targets and describes every member as a signature
+// lists it.
+int unpackPass(int fd, const PackageFileHead& head, const UnpackTargets& targets,
+               std::vector<MemberRecord>& records, std::string& why) {
     DiskWriter disk;
     auto visit = [&](archive* reader, archive_entry* entry, const std::string& name,
                      MemberKind kind, std::string& reason) -> int {
+        if (kind == MemberKind::kSignature) return kOk;
+        MemberRecord record;
+        record.name = name;
+        record.directory = kind == MemberKind::kDirectory;
+        record.mode = archive_entry_perm(entry);
+        record.size = static_cast<uint64_t>(archive_entry_size(entry));
+        int code = kOk;
         if (kind == MemberKind::kPayload) {
-            if (!targets) return streamPayload(reader, name, checksum, nullptr, reason);
-            if (int code = disk.open(targets->payload, reason)) return code;
-            int code = streamPayload(reader, name, checksum, &disk, reason);
+            code = disk.open(targets.payload, reason);
+            if (code == kOk)
+                code = streamPayload(reader, name, head.manifest, disk, record.sha256, reason);
             int closed = disk.close(&reason);
-            return code != kOk ? code : closed;
+            if (code == kOk) code = closed;
+        } else if (kind == MemberKind::kScript || kind == MemberKind::kConf) {
+            const fs::path& dir = kind == MemberKind::kScript ? targets.scripts : targets.conf;
+            if (disk.dir() != dir) code = disk.open(dir, reason);
+            std::string relative = name.substr(name.find('/') + 1);
+            std::optional<mode_t> perm;
+            if (kind == MemberKind::kScript) perm = 0755;
+            Sha256 digest;
+            if (code == kOk) code = disk.write(reader, entry, relative, perm, &digest, reason);
+            record.sha256 = digest.hex();
+        } else if (kind == MemberKind::kInfo) {
+            code = memberSha256(reader, name, record.sha256, reason);
         }
-        if (!targets || (kind != MemberKind::kScript && kind != MemberKind::kConf)) return kOk;
-        const fs::path& dir = kind == MemberKind::kScript ? targets->scripts : targets->conf;
-        if (disk.dir() != dir)
-            if (int code = disk.open(dir, reason)) return code;
-        std::string relative = name.substr(name.find('/') + 1);
-        std::optional<mode_t> perm;
-        if (kind == MemberKind::kScript) perm = 0755;
-        return disk.write(reader, entry, relative, perm, reason);
+        records.push_back(std::move(record));
+        return code;
     };
     int code = walkMembers(fd, visit, why);
     std::string closeWhy;
@@ -231,6 +247,37 @@ int unpackPass(int fd, const std::string& checksum, const UnpackTargets* targets
         code = closed;
     }
     return code;
+}
+
+// The members found must be those signed, byte for byte of their list.
+int checkSignedMembers(const PackageFileHead& head, const std::vector<MemberRecord>& records,
+                       std::string& why) {
+    if (!head.signature) {
+        if (!head.hasSignature) return kOk;
+        why = "unreadable signature: " + head.signatureProblem;
+        return kSignatureRefused;
+    }
+    const std::string found = memberLines(records);
+    if (found == head.signature->body) return kOk;
+    why = "the members differ from what key " + head.signature->keyId + " signed (" +
+          firstDifference(head.signature->body, found) + ")";
+    return kSignatureRefused;
+}
+
+// The folders that creating `dirs` would add, outermost first, so that a
+// failed unpack can take them away again.
+std::vector<fs::path> missingFolders(std::initializer_list<fs::path> dirs) {
+    std::vector<fs::path> out;
+    std::error_code ec;
+    for (const fs::path& dir : dirs) {
+        fs::path top;
+        for (fs::path p = dir; !p.empty() && !fs::exists(p, ec); p = p.parent_path()) {
+            top = p;
+            if (p == p.parent_path()) break;
+        }
+        if (!top.empty() && std::find(out.begin(), out.end(), top) == out.end()) out.push_back(top);
+    }
+    return out;
 }
 
 std::mutex& workingDirectoryLock() {
@@ -249,8 +296,8 @@ int unpackPackage(const fs::path& file, const PackageFileHead& head, const Unpac
         why = "cannot open " + file.string();
         code = kFileUnreadable;
     }
-    // Everything is checked before the first byte is written.
-    if (code == kOk) code = unpackPass(fd.get(), head.manifest.checksum, nullptr, why);
+    const std::vector<fs::path> created =
+        missingFolders({targets.payload, targets.scripts, targets.conf});
     if (code == kOk) {
         std::error_code ec;
         for (const fs::path& dir : {targets.payload, targets.scripts, targets.conf}) {
@@ -263,10 +310,18 @@ int unpackPackage(const fs::path& file, const PackageFileHead& head, const Unpac
         }
     }
     if (code == kOk) {
-        std::lock_guard<std::mutex> guard(workingDirectoryLock());
-        code = unpackPass(fd.get(), head.manifest.checksum, &targets, why);
+        std::vector<MemberRecord> records;
+        {
+            std::lock_guard<std::mutex> guard(workingDirectoryLock());
+            code = unpackPass(fd.get(), head, targets, records, why);
+        }
+        if (code == kOk) code = checkSignedMembers(head, records, why);
     }
-    if (code != kOk && error) *error = why;
+    if (code != kOk) {
+        std::error_code ec;
+        for (const fs::path& dir : created) fs::remove_all(dir, ec);
+        if (error) *error = why;
+    }
     return code == kOk ? kOk : refuse(code, file.string() + ": " + why);
 }
 

@@ -15,6 +15,7 @@
 #include "quorpkg/package/entry_check.h"
 #include "quorpkg/package/manifest.h"
 #include "quorpkg/package/package_file.h"
+#include "quorpkg/package/temp_file.h"
 
 namespace fs = std::filesystem;
 
@@ -23,41 +24,12 @@ namespace {
 
 using archive_io::errorText;
 
-// A temporary file beside its final place, removed unless committed.
-class TempFile {
-public:
-    explicit TempFile(const fs::path& final) : final_(final) {
-        name_ = (final.has_parent_path() ? final.parent_path() : fs::path("."))
-                    .append("." + final.filename().string() + ".XXXXXX")
-                    .string();
-        fd_ = UniqueFd(::mkstemp(name_.data()));
-        if (!fd_) name_.clear();
-    }
-    ~TempFile() {
-        if (!name_.empty()) ::unlink(name_.c_str());
-    }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-
-    int fd() const { return fd_.get(); }
-    bool commit() {
-        bool ok = ::fchmod(fd_.get(), 0644) == 0 && ::fsync(fd_.get()) == 0 &&
-                  ::rename(name_.c_str(), final_.c_str()) == 0;
-        if (ok) name_.clear();
-        return ok;
-    }
-
-private:
-    fs::path final_;
-    std::string name_;
-    UniqueFd fd_;
-};
-
 // Everything written to a file descriptor, hashed on the way.
 struct HashingSink {
     explicit HashingSink(int out) : fd(out) {}
     int fd;
     Md5 md5;
+    Sha256 sha256;
     long long size = 0;
 
     static la_ssize_t write(archive* a, void* self, const void* data, size_t length) {
@@ -75,6 +47,7 @@ struct HashingSink {
             left -= static_cast<size_t>(n);
         }
         sink->md5.update(data, length);
+        sink->sha256.update(data, length);
         sink->size += static_cast<long long>(length);
         return static_cast<la_ssize_t>(length);
     }
@@ -235,6 +208,7 @@ int writePackage(const fs::path& sourceDir, Manifest& manifest, PayloadCompressi
     HashingSink payloadSink(payload.fd());
     if (int code = writePayload(sourceDir / "package", compression, payloadSink, why)) return code;
     setValue(manifest.pairs, "checksum", payloadSink.md5.hex());
+    setValue(manifest.pairs, "sha256", payloadSink.sha256.hex());
     std::string info = formatManifest(manifest);
 
     HashingSink outSink(outFd);

@@ -37,7 +37,9 @@ public:
     int run() {
         task_.pid = ::getpid();  // forked before the caller learnt it
         RemoteInstall install;
-        install.package = {request_.name, request_.link, request_.size, request_.md5};
+        // The interface passes the md5 only; the file's own signature and
+        // the sha256 of its payload are checked when it is installed.
+        install.package = {request_.name, request_.link, request_.size, request_.md5, {}};
         install.volume = task_.volume;
         install.version = request_.version;
         install.startService = !request_.noStart;

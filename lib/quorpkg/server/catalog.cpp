@@ -1,6 +1,7 @@
 #include "quorpkg/server/catalog.h"
 
 #include <json/reader.h>
+#include <syslog.h>
 
 #include <chrono>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/package/md5.h"
+#include "quorpkg/package/trust.h"
 #include "quorpkg/server/http_client.h"
 
 namespace fs = std::filesystem;
@@ -22,6 +24,7 @@ namespace {
 
 constexpr uint64_t kMaxCatalogBytes = 256ull << 20;
 constexpr uint64_t kMaxHashBytes = 4096;
+constexpr uint64_t kMaxSignatureBytes = 4096;
 // What the upgrade commands write into a hash file to force a fresh load.
 constexpr const char* kResetHash = "temphash";
 
@@ -34,6 +37,7 @@ struct CacheFiles {
 struct Remembered {
     std::string hash;
     std::string source;
+    std::string key;  // the trusted key that verified it, if one did
 };
 
 std::string trimmed(const std::string& text) {
@@ -50,7 +54,16 @@ Remembered readRemembered(const fs::path& file) {
     if (!pairs) return out;
     if (const std::string* hash = findValue(*pairs, "hash")) out.hash = *hash;
     if (const std::string* source = findValue(*pairs, "source")) out.source = *source;
+    if (const std::string* key = findValue(*pairs, "key")) out.key = *key;
     return out;
+}
+
+// A kept catalog serves only while it would pass the trust check again:
+// when signatures are required, the key that verified it is still trusted.
+bool keptCatalogIsTrusted(const Remembered& remembered) {
+    const TrustedKeys keys = loadTrustedKeys();
+    if (!signatureRequired(loadSettings(), keys)) return true;
+    return !remembered.key.empty() && keys.find(remembered.key) != nullptr;
 }
 
 // With `parse` false only checks that the kept catalog is there.
@@ -67,7 +80,8 @@ bool readKeptCatalog(const fs::path& list, Json::Value& packages, bool parse) {
 // from the server now configured, and it is younger than the time to live.
 bool keptCatalogIsCurrent(const CacheFiles& files, const Remembered& remembered,
                           const Source& source, long ttlSeconds) {
-    if (remembered.hash.empty() || remembered.hash == kResetHash || remembered.source != source.url)
+    if (remembered.hash.empty() || remembered.hash == kResetHash ||
+        remembered.source != source.url || !keptCatalogIsTrusted(remembered))
         return false;
     std::error_code ec;
     const auto written = fs::last_write_time(files.list, ec);
@@ -76,12 +90,14 @@ bool keptCatalogIsCurrent(const CacheFiles& files, const Remembered& remembered,
     return age < std::chrono::seconds(ttlSeconds);
 }
 
-// The first of `names` the server has: kOk with its text; kNoSuchPackage
-// when it has none of them; kServerUnreachable on any other failure.
+// The first of `names` the server has: kOk with its text (and its name in
+// `found`); kNoSuchPackage when it has none of them; kServerUnreachable on
+// any other failure.
 int fetchFirst(const Source& source, std::initializer_list<std::string> names, uint64_t maxBytes,
-               std::string& text, std::string* error) {
+               std::string& text, std::string* error, std::string* found = nullptr) {
     for (const std::string& name : names) {
         FetchResult result = fetchText(source.url + name, text, maxBytes);
+        if (found) *found = name;
         if (result.ok()) return kOk;
         if (error) *error = source.url + name + ": " + result.error;
         if (result.status == FetchStatus::kFailed) return kServerUnreachable;
@@ -90,13 +106,38 @@ int fetchFirst(const Source& source, std::initializer_list<std::string> names, u
 }
 
 void remember(const CacheFiles& files, const std::string& text, const std::string& hash,
-              const Source& source) {
+              const Source& source, const std::string& key) {
     // The cache only saves downloads: a list directory we cannot write to
     // costs a download next time, nothing else.
     std::error_code ec;
     fs::create_directories(files.list.parent_path(), ec);
-    if (writeFileAtomic(files.list, text))
-        writeFileAtomic(files.hash, formatKeyValues({{"hash", hash}, {"source", source.url}}));
+    KeyValues pairs = {{"hash", hash}, {"source", source.url}};
+    if (!key.empty()) pairs.emplace_back("key", key);
+    if (writeFileAtomic(files.list, text)) writeFileAtomic(files.hash, formatKeyValues(pairs));
+}
+
+// The catalog `name` just fetched must pass the trust check with its
+// signature, <name>.sig, when the server has one. kOk with the key that
+// verified it (if any) in `key`, else kServerUnreachable: a catalog that
+// cannot be trusted is a failed query.
+int checkFetchedCatalog(const Source& source, const std::string& name, const std::string& text,
+                        std::string& key, std::string* error) {
+    std::string signature;
+    const std::string url = source.url + name + ".sig";
+    FetchResult result = fetchText(url, signature, kMaxSignatureBytes);
+    if (result.status == FetchStatus::kFailed) {
+        if (error) *error = url + ": " + result.error;
+        return kServerUnreachable;
+    }
+    std::string why;
+    const std::optional<std::string> found =
+        result.ok() ? std::optional<std::string>(signature) : std::nullopt;
+    if (checkCatalogTrust(text, found, source.url + name, why, &key) != kOk) {
+        ::syslog(LOG_ERR, "quorpkg: catalog refused: %s", why.c_str());
+        if (error) *error = why;
+        return kServerUnreachable;
+    }
+    return kOk;
 }
 
 int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad& how,
@@ -115,18 +156,20 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     if (code == kServerUnreachable) return code;
     serverHash = trimmed(serverHash);
     if (!serverHash.empty() && serverHash != kResetHash && serverHash == remembered.hash &&
-        remembered.source == source.url && readKeptCatalog(files.list, out.packages, how.parse)) {
+        remembered.source == source.url && keptCatalogIsTrusted(remembered) &&
+        readKeptCatalog(files.list, out.packages, how.parse)) {
         // Still the server's catalog: it serves cached loads for another while.
         std::error_code ec;
         fs::last_write_time(files.list, fs::file_time_type::clock::now(), ec);
         return kOk;
     }
 
-    std::string text;
+    std::string text, name, key;
     code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, kMaxCatalogBytes, text,
-                      error);
+                      error, &name);
     if (code == kNoSuchPackage && error) *error = "the server has no catalog: " + *error;
     if (code != kOk) return kServerUnreachable;
+    if (checkFetchedCatalog(source, name, text, key, error) != kOk) return kServerUnreachable;
     std::string why;
     if (!parseCatalog(text, out.packages, &why)) {
         if (error) *error = source.url + ": " + why;
@@ -135,7 +178,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     // A server without a hash file still gets a hash remembered, so that
     // cached loads can use the catalog.
     const std::string hash = serverHash.empty() ? dataMd5Hex(text) : serverHash;
-    remember(files, text, hash, source);
+    remember(files, text, hash, source, key);
     return kOk;
 }
 

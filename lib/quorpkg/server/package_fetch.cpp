@@ -54,11 +54,18 @@ int fetchPackage(const PackageDownload& download, const fs::path& dir, const Pro
                         download.link + ": got " + std::to_string(size) + " bytes, expected " +
                             std::to_string(download.size));
     }
-    if (!download.md5.empty()) {
-        std::optional<std::string> md5 = fileMd5Hex(part);
-        if (!md5 || !sameDigest(*md5, download.md5)) {
+    if (!download.md5.empty() || !download.sha256.empty()) {
+        std::optional<FileDigests> digests = fileDigests(part);
+        const char* wrong = nullptr;
+        if (!digests)
+            wrong = "cannot be read";
+        else if (!download.md5.empty() && !sameDigest(digests->md5, download.md5))
+            wrong = "md5 mismatch";
+        else if (!download.sha256.empty() && !sameDigest(digests->sha256, download.sha256))
+            wrong = "sha256 mismatch";
+        if (wrong) {
             fs::remove(part, ec);
-            return failWith(kChecksumMismatch, error, download.link + ": md5 mismatch");
+            return failWith(kChecksumMismatch, error, download.link + ": " + wrong);
         }
     }
     fs::rename(part, done, ec);

@@ -15,12 +15,13 @@ struct PackageDownload {
     std::string link;   // absolute URL
     uint64_t size = 0;  // 0 when not known
     std::string md5;    // empty when not known
+    std::string sha256;  // empty when not known
 };
 
 // Downloads into `dir` (created when missing) as <name>[-<md5>].zpk.part,
 // continuing a part an earlier try left, then checks the size
-// (kDownloadFailed) and the md5 (kChecksumMismatch) and renames the part to
-// .zpk. A file that fails a check is removed; a broken transfer keeps its
+// (kDownloadFailed) and the md5 and sha256 (kChecksumMismatch, both read in
+// one pass) and renames the part to .zpk. A file that fails a check is removed; a broken transfer keeps its
 // part for the next try (kDownloadFailed). kOk with `file` set.
 int fetchPackage(const PackageDownload& download, const std::filesystem::path& dir,
                  const ProgressFn& progress, std::filesystem::path& file,

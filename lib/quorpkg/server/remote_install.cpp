@@ -41,6 +41,7 @@ PackageDownload downloadOf(const Json::Value& entry) {
     download.name = entryText(entry, "package");
     download.link = entryText(entry, "link");
     download.md5 = entryText(entry, "md5");
+    download.sha256 = entryText(entry, "sha256");
     const Json::Value& size = entry["size"];
     if (size.isUInt64()) download.size = size.asUInt64();
     return download;

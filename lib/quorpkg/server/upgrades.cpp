@@ -50,6 +50,7 @@ int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::stri
     install.package.name = upgrade.name;
     install.package.link = entryText(upgrade.entry, "link");
     install.package.md5 = entryText(upgrade.entry, "md5");
+    install.package.sha256 = entryText(upgrade.entry, "sha256");
     if (upgrade.entry["size"].isUInt64()) install.package.size = upgrade.entry["size"].asUInt64();
     install.version = entryText(upgrade.entry, "version");
     install.volume = installedVolume(upgrade.name);

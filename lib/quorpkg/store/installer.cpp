@@ -9,6 +9,7 @@
 #include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/package/package_file.h"
+#include "quorpkg/package/trust.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
@@ -70,6 +71,7 @@ private:
     // Everything that can refuse the package, before anything is written.
     int prepare() {
         int code = readPackageHead(request_.file, head_);
+        if (code == kOk) code = checkTrust();
         if (code == kOk) code = checkPlatformFit(head_.manifest, loadSettings());
         if (code == kOk) code = checkRequirements(head_.manifest);
         if (code != kOk) return code;
@@ -97,6 +99,15 @@ private:
         return kOk;
     }
 
+    // The file's signature, told in the package log when it is refused.
+    int checkTrust() {
+        std::string why;
+        int code = checkPackageTrust(head_, request_.file.string(), why);
+        if (code == kOk) return kOk;
+        logPackageEvent(name(), "refused: " + why);
+        return refuse(code, why);
+    }
+
     // The new package directory and payload, complete, beside their places.
     int stage() {
         std::error_code ec;
@@ -104,9 +115,12 @@ private:
         fs::remove_all(paths_.appNew, ec);
         // A payload that no installed package owns is a leftover.
         if (!upgrade()) fs::remove_all(paths_.app, ec);
+        std::string why;
         int code = unpackPackage(
             request_.file, head_,
-            {paths_.appNew, paths_.packageNew / "scripts", paths_.packageNew / "conf"});
+            {paths_.appNew, paths_.packageNew / "scripts", paths_.packageNew / "conf"}, &why);
+        if (code == kSignatureRefused)
+            logPackageEvent(name(), "refused: " + request_.file.string() + ": " + why);
         if (code != kOk) return code;
         failpoint("install-stage");
         if (!writeFileAtomic(paths_.packageNew / "INFO", formatManifest(head_.manifest)))
