@@ -11,10 +11,8 @@ using Path = std::filesystem::path;
 
 Path packagesDir();                          // /var/packages
 Path packageDir(const std::string& name);    // /var/packages/<name>
-Path manifestFile(const std::string& name);  // .../INFO
 Path enabledFlag(const std::string& name);   // .../enabled
 Path scriptsDir(const std::string& name);    // .../scripts
-Path confDir(const std::string& name);       // .../conf
 Path targetLink(const std::string& name);    // .../target -> /<volume>/@appstore/<name>
 Path varDir(const std::string& name);        // .../var
 Path journalDir();                           // /var/packages/.journal

@@ -1,12 +1,10 @@
-// install and query: work on a package file on the local file system.
+// install: installs a package file from the local file system.
 #include <cstdio>
 #include <string>
 
 #include "commands.h"
 
 namespace quorpkg {
-
-using QUORPackageTool::PackageInfo;
 
 // "--daemon-reload" is not parsed: the first operand is always the file.
 int install(int argc, char** argv, PackageManager* manager) {
@@ -17,30 +15,6 @@ int install(int argc, char** argv, PackageManager* manager) {
         return 1;
     }
     std::printf("%s install successfully\n", argv[1]);
-    return 0;
-}
-
-int query(int argc, char** argv, PackageManager* manager) {
-    if (badParameter(argc, argv)) return 1;
-    PackageInfo info;
-    const std::string path(argv[1]);
-    if (!PackageManager::queryPackageFileInfo(
-            path, info, QUORPackageTool::PKG_INSTALLATION_TYPE_NONE, nullptr)) {
-        std::printf("Failed to query package %s, %d\n", argv[1], manager->getResult());
-        return 1;
-    }
-    std::printf("Package name: %s\n", info.name.c_str());
-    std::printf("Package version: %s\n", info.version.c_str());
-    std::printf("Package description: %s\n", info.description.c_str());
-    std::printf("Package displayname: %s\n", info.displayname.c_str());
-    std::printf("Package maintainer: %s\n", info.maintainer.c_str());
-    std::printf("Package manager URL: %s\n", info.manager_url.c_str());
-    std::printf("Package script mask: %d\n", info.script_mask);
-    if (info.admin_port > 0) {
-        std::printf("Package admin_port: %d\n", info.admin_port);
-    } else {
-        std::printf("Package admin_port: none\n");
-    }
     return 0;
 }
 

@@ -1,4 +1,4 @@
-// list and log: what is installed, and where a package logs.
+// list: what is installed.
 #include <boost/program_options.hpp>
 #include <cstdio>
 #include <sstream>
@@ -72,17 +72,6 @@ int list(int argc, char** argv, PackageManager* manager) {
                         info.description.c_str());
         }
     }
-    return 0;
-}
-
-int log(int argc, char** argv, PackageManager* manager) {
-    if (badParameter(argc, argv)) return 1;
-    const std::string path = manager->getPackageLog(std::string(argv[1]));
-    if (path.empty()) {
-        std::printf("Failed to get log file %d\n", manager->getResult());
-        return 1;
-    }
-    std::printf("The log file is %s\n", path.c_str());
     return 0;
 }
 

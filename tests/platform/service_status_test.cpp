@@ -64,7 +64,7 @@ TEST_F(ServiceTest, StatusFollowsTheScriptTheActiveMarkAndTheStore) {
     install(service("gone"));
     fs::remove_all(layout::appstoreDir(volume, "gone"));
     EXPECT_EQ(packageStatus("gone"), kBroken);
-    fs::remove(layout::manifestFile("plain"));
+    fs::remove(layout::packageDir("plain") / "INFO");
     EXPECT_EQ(packageStatus("plain"), kBroken);
     EXPECT_EQ(packageStatus("absent"), kNoSuchPackage);
     EXPECT_EQ(packageStatus("../var"), kNoSuchPackage);

@@ -82,7 +82,7 @@ TEST_F(StoreInstall, NewPackageLandsWholeWithScriptsConfVarAndWebEntry) {
     ASSERT_EQ(install(source), kOk);
 
     EXPECT_EQ(installedVersion("demo"), "1.0-0001");
-    EXPECT_EQ(readFile(layout::confDir("demo") / "demo.conf"), "level=1\n");
+    EXPECT_EQ(readFile(layout::packageDir("demo") / "conf" / "demo.conf"), "level=1\n");
     EXPECT_TRUE(fs::is_directory(layout::varDir("demo")));
     EXPECT_EQ(installedScriptMask("demo"), 1 | 2);
     // The target link is relative, so the root could move.

@@ -160,7 +160,7 @@ TEST_F(StoreListing, DependentsComeBeforeWhatTheyNeedAndTheNamedPackageLast) {
 TEST_F(StoreListing, ListsInByteOrderAndWorksWithoutInit) {
     for (const char* name : {"b", "a.b", "Z9", "a", "B"}) add(name);
     // A broken package is listed by name but has no record.
-    fs::remove(layout::manifestFile("a.b"));
+    fs::remove(layout::packageDir("a.b") / "INFO");
 
     PackageManager manager;  // never initialised
     EXPECT_EQ(manager.enumPackages(nullptr, ~0ULL), (Names{"B", "Z9", "a", "a.b", "b"}));

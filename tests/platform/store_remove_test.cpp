@@ -145,7 +145,7 @@ TEST_F(StoreRemove, OneRefusingPreuninstKeepsEveryNamedPackageInstalledAndRunnin
 
 TEST_F(StoreRemove, ABrokenPackageCanStillBeRemoved) {
     add("broken");
-    fs::remove(layout::manifestFile("broken"));
+    fs::remove(layout::packageDir("broken") / "INFO");
     fs::remove(layout::scriptsDir("broken") / "preuninst");
     ASSERT_EQ(removePackages({"broken"}, serviceHooks()), kOk);
     EXPECT_FALSE(isInstalled("broken"));

@@ -1,7 +1,10 @@
 // The process entry: usage, init, command dispatch and the exception report.
+#include <set>
+#include <sstream>
 #include <tuple>
 #include <utility>
 
+#include "main/command_table.h"
 #include "tool_harness.h"
 
 namespace tooltest {
@@ -60,6 +63,21 @@ TEST_F(EntryTest, NoCommandWordPrintsUsageWithBaseNameAndFailsWithoutInit) {
         EXPECT_THAT(fake::platform().calls,
                     ElementsAre("m1.PackageManager()", "m1.~PackageManager()"));
     }
+}
+
+// A command added to the table gets its usage row, and a row never names a
+// command that is gone.
+TEST_F(EntryTest, UsageRowsNameExactlyTheCommandsOfTheTable) {
+    std::multiset<std::string> inUsage;
+    std::istringstream lines(runArgv({"quorpkg"}).out);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.size() > 2 && line.starts_with("  ") && line[2] != ' ')
+            inUsage.insert(line.substr(2, line.find(' ', 2) - 2));
+    }
+    std::multiset<std::string> inTable;
+    for (const quorpkg::CommandRow* row = quorpkg::kCommandTable; row->name != nullptr; ++row)
+        inTable.insert(row->name);
+    EXPECT_EQ(inUsage, inTable);
 }
 
 TEST_F(EntryTest, UnknownCommandWordPrintsUsageAndSucceedsAfterInit) {

@@ -33,7 +33,9 @@ int chooseVolume(const std::string& name, const std::filesystem::path& requested
 
 // Removes the named packages in reverse dependency order, all or none: every
 // name must be valid (kBadArgument) and installed (kNoSuchPackage), and no
-// other installed package may require one of them (kHasDependents). Without
+// other installed package may require one of them (kHasDependents). Every
+// package is stopped and its preuninst run before any is removed; when one
+// refuses, all are started again as they were and none is removed. Without
 // `runScripts` the preuninst and postuninst scripts are skipped.
 int removePackages(const std::vector<std::string>& names, ServiceHooks& services,
                    bool runScripts = true);
