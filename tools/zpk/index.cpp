@@ -7,13 +7,18 @@
 #include <string>
 
 #include "commands.h"
+#include "options.h"
 #include "quorpkg/server/catalog_index.h"
 
 int zpkIndex(int argc, char** argv) {
-    if (argc != 2 || !*argv[1]) return zpkError(2, "usage: zpk index DIR");
-    const std::filesystem::path dir(argv[1]);
+    CommandLine line{"index DIR", "Write the package server catalog of a folder of package files."};
+    line.hidden.add_options()("dir", po::value<std::string>()->required());
+    line.operands.add("dir", 1);
+    if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
+    const std::filesystem::path dir(line.values["dir"].as<std::string>());
     std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec)) return zpkError(1, "%s: not a folder", argv[1]);
+    if (!std::filesystem::is_directory(dir, ec))
+        return zpkError(1, "%s: not a folder", dir.c_str());
     Json::Value catalog;
     std::string error;
     if (quor::buildCatalog(dir, catalog, &error) != 0 ||

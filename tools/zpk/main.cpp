@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "options.h"
 
 namespace {
 
@@ -20,11 +21,17 @@ const Command kCommands[] = {
      "info FILE.zpk                    print a package file's manifest and members"},
     {"index", zpkIndex,
      "index DIR                        write the package server catalog of a folder"},
+    {"check", zpkCheck,
+     "check DIR|FILE.zpk               report every problem of a package source or file"},
+    {"contents", zpkContents,
+     "contents FILE.zpk                list the files of a package file's payload"},
 };
 
 int usage(FILE* out) {
     std::fprintf(out, "usage: zpk <command> [...]\n");
     for (const Command& command : kCommands) std::fprintf(out, "  zpk %s\n", command.usage);
+    std::fprintf(
+        out, "'zpk <command> --help' describes a command; 'zpk --version' prints the version.\n");
     return out == stdout ? 0 : 2;
 }
 
@@ -44,6 +51,7 @@ int main(int argc, char** argv) {
     if (argc < 2) return usage(stderr);
     if (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)
         return usage(stdout);
+    if (std::strcmp(argv[1], "--version") == 0) return printVersion();
     for (const Command& command : kCommands)
         if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 1, argv + 1);
     zpkError(2, "unknown command: %s", argv[1]);
