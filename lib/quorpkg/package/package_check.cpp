@@ -69,14 +69,15 @@ void checkScriptText(const fs::path& path, std::string_view text, Problems& prob
     }
 }
 
-std::vector<fs::directory_entry> sortedEntries(const fs::path& dir, bool recursive) {
+// The entries of `dir` (and below, when `recursive`) in name order; a
+// folder that cannot be read is reported, not thrown.
+template <typename Iterator>
+std::vector<fs::directory_entry> sortedEntries(const fs::path& dir, Problems& problems) {
     std::vector<fs::directory_entry> entries;
     std::error_code ec;
-    if (recursive) {
-        for (const auto& item : fs::recursive_directory_iterator(dir, ec)) entries.push_back(item);
-    } else {
-        for (const auto& item : fs::directory_iterator(dir, ec)) entries.push_back(item);
-    }
+    Iterator it(dir, ec);
+    for (; !ec && it != Iterator(); it.increment(ec)) entries.push_back(*it);
+    if (ec) problems.error(dir, "cannot be read: " + ec.message());
     std::sort(entries.begin(), entries.end(),
               [](const auto& a, const auto& b) { return a.path() < b.path(); });
     return entries;
@@ -85,7 +86,8 @@ std::vector<fs::directory_entry> sortedEntries(const fs::path& dir, bool recursi
 // The entries of package/ (links allowed when they stay inside) or conf/
 // (files and folders only), as the build would store them.
 void checkTree(const fs::path& root, bool allowLinks, Problems& problems) {
-    for (const fs::directory_entry& item : sortedEntries(root, true)) {
+    for (const fs::directory_entry& item :
+         sortedEntries<fs::recursive_directory_iterator>(root, problems)) {
         const fs::path& path = item.path();
         std::string relative = path.lexically_relative(root).generic_string();
         if (!normalizeEntryName(relative)) {
@@ -109,7 +111,7 @@ void checkTree(const fs::path& root, bool allowLinks, Problems& problems) {
 }
 
 void checkScripts(const fs::path& dir, Problems& problems) {
-    for (const fs::directory_entry& item : sortedEntries(dir, false)) {
+    for (const fs::directory_entry& item : sortedEntries<fs::directory_iterator>(dir, problems)) {
         const fs::path& path = item.path();
         std::error_code ec;
         fs::file_status status = item.symlink_status(ec);
@@ -136,7 +138,7 @@ std::string nearestKnownFolder(std::string name) {
 }
 
 void checkTopLevel(const fs::path& dir, Problems& problems) {
-    for (const fs::directory_entry& item : sortedEntries(dir, false)) {
+    for (const fs::directory_entry& item : sortedEntries<fs::directory_iterator>(dir, problems)) {
         std::string name = item.path().filename().string();
         std::error_code ec;
         if (name.front() == '.' || name == "package" || name == "scripts" || name == "conf" ||
