@@ -11,9 +11,12 @@ quor_tools() {
   ZPK=${2:-${ZPK:-$top/build/tools/zpk}}
   if [ ! -x "$QUORPKG" ] || [ ! -x "$ZPK" ]; then
     "$top/scripts/setup.sh"
+    echo "building quorpkg and zpk in $top/build (a few minutes)..." >&2
+    local started=$SECONDS
     cmake -S "$top" -B "$top/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUOR_BUILD_TESTS=OFF \
       >/dev/null
     cmake --build "$top/build" -j"$(nproc)" --target quorpkg zpk >/dev/null
+    echo "built in $((SECONDS - started)) s" >&2
     QUORPKG=$top/build/quorpkg ZPK=$top/build/tools/zpk
   fi
   QUORPKG=$(realpath "$QUORPKG") ZPK=$(realpath "$ZPK")

@@ -8,6 +8,8 @@ jobs=$(nproc)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+# The installed layout and the Debian package, from the plain build.
+scripts/check-package.sh build
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUOR_SANITIZE=ON
 cmake --build build-asan -j"$jobs"

@@ -14,6 +14,13 @@ int parse(const std::string& text, Manifest& out) {
     return parseManifest(text, out);
 }
 
+std::vector<ManifestProblem> errorsOf(const std::string& text) {
+    std::vector<ManifestProblem> errors;
+    for (ManifestProblem& problem : checkManifest(text))
+        if (!problem.warning) errors.push_back(std::move(problem));
+    return errors;
+}
+
 TEST(PackageManifest, ReadsFieldsDefaultsAndUnknownKeys) {
     Manifest m;
     ASSERT_EQ(
@@ -89,9 +96,11 @@ TEST(PackageManifest, RefusesInvalidManifests) {
         std::string error;
         EXPECT_EQ(parseManifest(text, m, &error), kBadManifest) << text;
         EXPECT_FALSE(error.empty()) << text;
+        EXPECT_FALSE(errorsOf(text).empty()) << text;  // the authors' check agrees
     }
     Manifest m;
     EXPECT_EQ(parse(p + v + "install_dep_packages=\"\"\n", m), kOk);  // empty list
+    EXPECT_TRUE(errorsOf(p + v + "install_dep_packages=\"\"\nvendor_key=\"x\"\n").empty());
 }
 
 TEST(PackageManifest, PackageNameRules) {

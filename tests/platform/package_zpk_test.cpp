@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstdlib>
 
 #include "base/file_util.h"
@@ -60,6 +61,152 @@ TEST(PackageZpk, BuildsAndShowsPackages) {
     EXPECT_NE(bad.err.find("INFO"), std::string::npos);
     EXPECT_EQ(run(dir.path(), zpk + " build " + source.string()).status, 2);  // no -o
     EXPECT_EQ(run(dir.path(), zpk + " frobnicate").status, 2);
+}
+
+// The slips authors make most, each reported with its file and line, all in
+// one run; a build refuses the same folder and writes nothing.
+TEST(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
+    test::TempDir dir;
+    const fs::path src = dir.path() / "src";
+    test::writeText(src / "INFO",
+                    "package=\"my tool\"\nversion=\"1.0\"\nversion=\"2\"\n"
+                    "install_dep_packages=\"base>=1.0:web>=\"\n"
+                    "install_conflict_packages=\"old=>2\"\nbeta=\"maybe\"\npakage=\"x\"\n"
+                    "no equals sign\n");
+    test::writeText(src / "package/bin/tool", "#!/bin/sh\n", 0755);
+    fs::create_symlink("../../../etc/passwd", src / "package/bin/passwd");
+    test::writeText(src / "scripts/start-stop-status", "#!/bin/sh\r\nexit 0\r\n", 0755);
+    test::writeText(src / "scripts/postinst", "#!/bin/sh\nexit 0\n", 0644);
+    test::writeText(src / "scripts/preinst", "exit 0\n", 0755);
+    test::writeText(src / "scripts/install", "#!/bin/sh\n", 0755);
+    test::writeText(src / "script/preuninst", "#!/bin/sh\n", 0755);
+    const std::string s = src.string();
+    const std::string expected =
+        s + "/INFO:1: invalid package name: my tool\n" + s +
+        "/INFO:3: duplicate key: version (first on line 2)\n" + s +
+        "/INFO:4: invalid install_dep_packages: item 2 \"web>=\": no version after >=\n" + s +
+        "/INFO:5: invalid install_conflict_packages: item 1 \"old=>2\": invalid version: >2 "
+        "(operators are >=, <=, >, < and =)\n" +
+        s + "/INFO:6: beta must be yes or no\n" + s + "/INFO:7: warning: unknown key: pakage\n" +
+        s + "/INFO:8: expected key=\"value\"\n" + s +
+        "/package/bin/passwd: symbolic link leaves the payload: ../../../etc/passwd\n" + s +
+        "/scripts/install: not a package script (known scripts: preinst, postinst, "
+        "preuninst, postuninst, preupgrade, postupgrade, start-stop-status)\n" +
+        s + "/scripts/postinst: not executable (chmod +x)\n" + s +
+        "/scripts/preinst:1: no #! line: the script cannot be run\n" + s +
+        "/scripts/start-stop-status:1: the #! line ends in a carriage return (CRLF line "
+        "endings): the interpreter will not be found\n" +
+        s + "/script: unknown folder, left out of the package (did you mean scripts/?)\n";
+    const std::string zpk = ZPK_BINARY;
+    Output checked = run(dir.path(), zpk + " check " + s);
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.err, expected + "zpk: " + s + ": 12 problems\n");
+    EXPECT_TRUE(checked.out.empty());
+    const fs::path file = dir.path() / "tool.zpk";
+    Output built = run(dir.path(), zpk + " build " + s + " -o " + file.string());
+    EXPECT_EQ(built.status, 1);
+    EXPECT_EQ(built.err, expected + "zpk: " + s + ": 12 problems, nothing built\n");
+    EXPECT_FALSE(fs::exists(file));
+
+    // Put right, the same folder checks clean (a warning alone passes) and builds.
+    test::writeText(src / "INFO", "package=\"tool\"\nversion=\"1.0\"\npakage=\"x\"\n");
+    fs::remove(src / "package/bin/passwd");
+    fs::remove(src / "scripts/install");
+    fs::remove_all(src / "script");
+    test::writeText(src / "scripts/start-stop-status", "#!/bin/sh\nexit 0\n", 0755);
+    fs::permissions(src / "scripts/postinst", fs::perms::owner_exec, fs::perm_options::add);
+    test::writeText(src / "scripts/preinst", "#!/bin/sh\nexit 0\n", 0755);
+    checked = run(dir.path(), zpk + " check " + s);
+    EXPECT_EQ(checked.status, 0) << checked.err;
+    EXPECT_EQ(checked.err, s + "/INFO:3: warning: unknown key: pakage\n");
+    ASSERT_EQ(run(dir.path(), zpk + " build " + s + " -o " + file.string()).status, 0);
+    checked = run(dir.path(), zpk + " check " + file.string());
+    EXPECT_EQ(checked.status, 0) << checked.err;
+}
+
+// A package file made by hand: what an install would refuse is named, and
+// `contents` still lists every payload entry.
+TEST(PackageZpk, ChecksAndListsAPackageFile) {
+    test::TempDir dir;
+    const std::string payload = test::tarBytes(
+        {test::dirEntry("bin"), test::fileEntry("bin/tool", "#!/bin/sh\n", 0755),
+         test::symlinkEntry("bin/sh", "../../bin/sh"), test::fileEntry("../escape", "x")},
+        test::TarFilter::kGzip);
+    const fs::path file = dir.path() / "hand.zpk";
+    test::writeTar(file, {test::fileEntry("INFO",
+                                          "package=\"hand\"\nversion=\"1 0\"\n"
+                                          "checksum=\"" +
+                                              std::string(32, '0') + "\"\n"),
+                          test::fileEntry("package.tgz", payload),
+                          test::fileEntry("scripts/postinst", "#!/bin/sh\r\n")});
+    const std::string f = file.string();
+    const std::string zpk = ZPK_BINARY;
+    Output checked = run(dir.path(), zpk + " check " + f);
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.err,
+              f + "/INFO:2: invalid version: 1 0\n" + f +
+                  "/scripts/postinst:1: the #! line ends in a carriage return (CRLF line "
+                  "endings): the interpreter will not be found\n" +
+                  f + "/package.tgz: refused entry: symbolic link leaves its tree: bin/sh\n" + f +
+                  "/package.tgz: refused entry: unsafe entry name: ../escape\n" + "zpk: " + f +
+                  ": 4 problems\n");
+
+    Output listed = run(dir.path(), zpk + " contents " + f);
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    EXPECT_NE(listed.out.find("-rwxr-xr-x         10 "), std::string::npos) << listed.out;
+    EXPECT_NE(listed.out.find(" bin/sh -> ../../bin/sh\n"), std::string::npos) << listed.out;
+    EXPECT_NE(listed.out.find(" ../escape\n"), std::string::npos) << listed.out;
+    EXPECT_EQ(run(dir.path(), zpk + " contents " + (dir.path() / "none.zpk").string()).status, 1);
+    EXPECT_EQ(run(dir.path(), zpk + " contents").status, 2);
+}
+
+// Building the same folder twice gives the same bytes; with
+// SOURCE_DATE_EPOCH set, even a copy with other file times does.
+TEST(PackageZpk, BuildsAreReproducible) {
+    test::TempDir dir;
+    test::PackageSource pkg;
+    pkg.files = {{"bin/b", "b"}, {"bin/a", "a"}, {"share/z/y", "y"}, {"etc/conf", "c"}};
+    pkg.scripts = {{"start-stop-status", "#!/bin/sh\nexit 0\n"}};
+    pkg.conf = {{"resource", "{}"}};
+    const fs::path src = dir.path() / "src";
+    test::writePackageSource(src, pkg);
+    const std::string zpk = ZPK_BINARY;
+    auto build = [&](const fs::path& from, const std::string& name, const std::string& env) {
+        const fs::path out = dir.path() / name;
+        Output built = run(
+            dir.path(), env + zpk + " build " + from.string() + " -o " + out.string() + " --zstd");
+        EXPECT_EQ(built.status, 0) << built.err;
+        return readFile(out).value_or("");
+    };
+    const std::string first = build(src, "1.zpk", "");
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(build(src, "2.zpk", ""), first);
+
+    const fs::path copy = dir.path() / "copy";
+    fs::copy(src, copy, fs::copy_options::recursive);
+    fs::last_write_time(copy / "package/bin/a",
+                        fs::file_time_type::clock::now() + std::chrono::hours(1));
+    const std::string epoch = "SOURCE_DATE_EPOCH=1700000000 ";
+    const std::string pinned = build(src, "3.zpk", epoch);
+    EXPECT_EQ(build(copy, "4.zpk", epoch), pinned);
+    EXPECT_NE(build(copy, "5.zpk", ""), pinned);  // the newest file time counts
+    Output listed = run(dir.path(), zpk + " contents " + (dir.path() / "3.zpk").string());
+    EXPECT_NE(listed.out.find(" 2023-11-14 22:13 bin/a\n"), std::string::npos) << listed.out;
+}
+
+TEST(PackageZpk, HelpAndVersion) {
+    test::TempDir dir;
+    const std::string zpk = ZPK_BINARY;
+    Output version = run(dir.path(), zpk + " --version");
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.rfind("zpk ", 0), 0u) << version.out;
+    for (const char* command : {"build", "info", "index", "check", "contents"}) {
+        Output help = run(dir.path(), zpk + " " + command + " --help");
+        EXPECT_EQ(help.status, 0) << command;
+        EXPECT_EQ(help.out.rfind(std::string("usage: zpk ") + command, 0), 0u) << help.out;
+        EXPECT_EQ(run(dir.path(), zpk + " " + command + " --version").out, version.out);
+        EXPECT_EQ(run(dir.path(), zpk + " " + command + " --bogus").status, 2) << command;
+    }
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <optional>
+#include <vector>
 
+#include "quorpkg/package/package_check.h"
 #include "quorpkg/package/signing_key.h"
 
 // zpk build DIR -o FILE.zpk [--zstd] [--sign KEY]: build.cpp
@@ -23,6 +25,13 @@ int zpkSign(int argc, char** argv);
 
 // The private key in `file`, or nothing after a message on standard error.
 std::optional<quor::SigningKey> zpkLoadKey(const char* file);
+// zpk check DIR|FILE.zpk: check.cpp
+int zpkCheck(int argc, char** argv);
+// zpk contents FILE.zpk: contents.cpp
+int zpkContents(int argc, char** argv);
+
+// Prints every problem on standard error; returns the number of errors.
+int reportProblems(const std::vector<quor::PackageProblem>& problems);
 
 // Prints "zpk: <message>" to standard error and returns `status`.
 int zpkError(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -9,17 +9,25 @@
 #include <string>
 
 #include "commands.h"
+#include "options.h"
 #include "quorpkg/package/catalog_index.h"
 
 int zpkIndex(int argc, char** argv) {
-    const bool signing = argc == 4 && std::strcmp(argv[2], "--sign") == 0 && *argv[3];
-    if ((argc != 2 && !signing) || !*argv[1])
-        return zpkError(2, "usage: zpk index DIR [--sign KEY]");
+    CommandLine line{"index DIR [--sign KEY]",
+                     "Write the package server catalog of a folder of package files."};
+    line.options.add_options()("sign", po::value<std::string>(),
+                               "sign the catalog with this private key file: catalog.json.sig");
+    line.hidden.add_options()("dir", po::value<std::string>()->required());
+    line.operands.add("dir", 1);
+    if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
+    const std::filesystem::path dir(line.values["dir"].as<std::string>());
     std::optional<quor::SigningKey> key;
-    if (signing && !(key = zpkLoadKey(argv[3]))) return 1;
-    const std::filesystem::path dir(argv[1]);
+    if (line.values.count("sign") &&
+        !(key = zpkLoadKey(line.values["sign"].as<std::string>().c_str())))
+        return 1;
     std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec)) return zpkError(1, "%s: not a folder", argv[1]);
+    if (!std::filesystem::is_directory(dir, ec))
+        return zpkError(1, "%s: not a folder", dir.c_str());
     Json::Value catalog;
     std::string error;
     if (quor::buildCatalog(dir, catalog, &error) != 0 ||

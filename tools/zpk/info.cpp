@@ -3,6 +3,7 @@
 #include <string>
 
 #include "commands.h"
+#include "options.h"
 #include "quorpkg/package/package_file.h"
 
 namespace {
@@ -36,12 +37,17 @@ void field(const char* label, const std::string& value) {
 }  // namespace
 
 int zpkInfo(int argc, char** argv) {
-    if (argc != 2 || !*argv[1]) return zpkError(2, "usage: zpk info FILE.zpk");
+    CommandLine line{"info FILE.zpk", "Print a package file's manifest and members."};
+    line.hidden.add_options()("file", po::value<std::string>()->required());
+    line.operands.add("file", 1);
+    if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
+    const std::string file = line.values["file"].as<std::string>();
     quor::PackageFileHead head;
     std::string error;
-    int code = quor::readPackageHead(argv[1], head, &error);
+    int code = quor::readPackageHead(file, head, &error);
     if (code != 0)
-        return zpkError(1, "%s: cannot read the package (%d): %s", argv[1], code, error.c_str());
+        return zpkError(1, "%s: cannot read the package (%d): %s", file.c_str(), code,
+                        error.c_str());
     const quor::Manifest& m = head.manifest;
     field("package:", m.name);
     field("version:", m.version);

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "options.h"
 
 namespace {
 
@@ -24,11 +25,17 @@ const Command kCommands[] = {
     {"keygen", zpkKeygen,
      "keygen NAME                      make a signing key pair: NAME.key and NAME.pub"},
     {"sign", zpkSign, "sign FILE.zpk KEY                sign a package file with a private key"},
+    {"check", zpkCheck,
+     "check DIR|FILE.zpk               report every problem of a package source or file"},
+    {"contents", zpkContents,
+     "contents FILE.zpk                list the files of a package file's payload"},
 };
 
 int usage(FILE* out) {
     std::fprintf(out, "usage: zpk <command> [...]\n");
     for (const Command& command : kCommands) std::fprintf(out, "  zpk %s\n", command.usage);
+    std::fprintf(
+        out, "'zpk <command> --help' describes a command; 'zpk --version' prints the version.\n");
     return out == stdout ? 0 : 2;
 }
 
@@ -48,6 +55,7 @@ int main(int argc, char** argv) {
     if (argc < 2) return usage(stderr);
     if (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)
         return usage(stdout);
+    if (std::strcmp(argv[1], "--version") == 0) return printVersion();
     for (const Command& command : kCommands)
         if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 1, argv + 1);
     zpkError(2, "unknown command: %s", argv[1]);

@@ -7,6 +7,7 @@
 
 #include "base/file_util.h"
 #include "commands.h"
+#include "options.h"
 #include "quorpkg/package/package_signer.h"
 #include "quorpkg/package/signing_key.h"
 
@@ -20,8 +21,14 @@ std::optional<quor::SigningKey> zpkLoadKey(const char* file) {
 }
 
 int zpkKeygen(int argc, char** argv) {
-    if (argc != 2 || !*argv[1]) return zpkError(2, "usage: zpk keygen NAME");
-    const std::string name = argv[1];
+    CommandLine line{"keygen NAME",
+                     "Make an Ed25519 key pair: NAME.key, the private key for the publisher, "
+                     "and NAME.pub,\nthe public key for devices."};
+    line.hidden.add_options()("name", po::value<std::string>()->required());
+    line.operands.add("name", 1);
+    if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
+    const std::string name = line.values["name"].as<std::string>();
+    if (name.empty()) return zpkError(2, "usage: zpk %s", line.synopsis);
     const fs::path privateFile = name + ".key", publicFile = name + ".pub";
     std::error_code ec;
     // A key that signed packages cannot be made again: never overwrite one.
@@ -42,12 +49,20 @@ int zpkKeygen(int argc, char** argv) {
 }
 
 int zpkSign(int argc, char** argv) {
-    if (argc != 3 || !*argv[1] || !*argv[2]) return zpkError(2, "usage: zpk sign FILE.zpk KEY");
-    std::optional<quor::SigningKey> key = zpkLoadKey(argv[2]);
+    CommandLine line{"sign FILE.zpk KEY",
+                     "Sign an existing package file in place with a private key file."};
+    line.hidden.add_options()("file", po::value<std::string>()->required())(
+        "key", po::value<std::string>()->required());
+    line.operands.add("file", 1).add("key", 1);
+    if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
+    const std::string file = line.values["file"].as<std::string>();
+    const std::string keyFile = line.values["key"].as<std::string>();
+    if (file.empty() || keyFile.empty()) return zpkError(2, "usage: zpk %s", line.synopsis);
+    std::optional<quor::SigningKey> key = zpkLoadKey(keyFile.c_str());
     if (!key) return 1;
     std::string error;
-    int code = quor::signPackage(argv[1], argv[1], *key, &error);
-    if (code != 0) return zpkError(1, "%s: cannot sign (%d): %s", argv[1], code, error.c_str());
-    std::printf("%s: signed by key %s\n", argv[1], key->id().c_str());
+    int code = quor::signPackage(file, file, *key, &error);
+    if (code != 0) return zpkError(1, "%s: cannot sign (%d): %s", file.c_str(), code, error.c_str());
+    std::printf("%s: signed by key %s\n", file.c_str(), key->id().c_str());
     return 0;
 }

@@ -1,6 +1,9 @@
 #include "quorpkg/package/manifest.h"
 
+#include <algorithm>
 #include <charconv>
+#include <functional>
+#include <map>
 #include <set>
 
 #include "base/result.h"
@@ -21,12 +24,19 @@ std::string_view trim(std::string_view s) {
 }
 
 // Parses a ':'-joined list of dependency items; an empty value is no item.
-bool parseDependencyList(std::string_view value, std::vector<Dependency>& out) {
+// A bad item stops the list with a reason naming it by position and text.
+bool parseDependencyList(std::string_view value, std::vector<Dependency>& out, std::string& why) {
     if (trim(value).empty()) return true;
-    while (true) {
+    for (int position = 1;; ++position) {
         size_t colon = value.find(':');
-        std::optional<Dependency> item = parseDependency(value.substr(0, colon));
-        if (!item) return false;
+        std::string_view text = value.substr(0, colon);
+        std::string itemWhy;
+        std::optional<Dependency> item = parseDependency(text, &itemWhy);
+        if (!item) {
+            why = "item " + std::to_string(position) + " \"" + std::string(trim(text)) +
+                  "\": " + itemWhy;
+            return false;
+        }
         out.push_back(std::move(*item));
         if (colon == std::string_view::npos) return true;
         value.remove_prefix(colon + 1);
@@ -53,6 +63,30 @@ bool parsePort(std::string_view value, int& port) {
     return ec == std::errc() && end == value.data() + value.size() && port >= 0 && port <= 65535;
 }
 
+// The keys the platform and the package tools read; others are kept as
+// they are.
+bool isKnownKey(std::string_view key) {
+    static const std::set<std::string_view> kKnown = {"package",
+                                                      "version",
+                                                      "displayname",
+                                                      "description",
+                                                      "maintainer",
+                                                      "manager_url",
+                                                      "admin_port",
+                                                      "ui_dir",
+                                                      "beta",
+                                                      "important",
+                                                      "install_dep_packages",
+                                                      "install_conflict_packages",
+                                                      "install_dep_services",
+                                                      "firmware",
+                                                      "arch",
+                                                      "checksum"};
+    return kKnown.count(key) != 0;
+}
+
+using ReportProblem = std::function<void(std::string_view key, std::string message)>;
+
 bool isValidArch(std::string_view arch) {
     for (char c : arch)
         if (!isAlnum(c) && c != '_' && c != '-') return false;
@@ -65,49 +99,55 @@ std::string lowerHex(std::string text) {
     return text;
 }
 
-// Reads the known keys of `pairs` into `out`; false with a reason otherwise.
-bool readFields(const KeyValues& pairs, Manifest& out, std::string& why) {
+bool isHexDigest(const std::string& text, size_t digits) {
+    return text.size() == digits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+// Checks the known keys of `pairs` and reads them into `out`. Every broken
+// rule is reported, in the order of the checks, with the key it concerns;
+// the manifest is valid when nothing is reported.
+void readFields(const KeyValues& pairs, Manifest& out, const ReportProblem& report) {
     auto get = [&](std::string_view key) -> std::string {
         const std::string* value = findValue(pairs, key);
         return value ? *value : std::string();
     };
     out.name = get("package");
     out.version = get("version");
-    if (out.name.empty()) return why = "missing package name", false;
-    if (!isValidPackageName(out.name)) return why = "invalid package name: " + out.name, false;
-    if (out.version.empty()) return why = "missing version", false;
-    if (!isValidVersion(out.version)) return why = "invalid version: " + out.version, false;
+    if (out.name.empty())
+        report("package", "missing package name");
+    else if (!isValidPackageName(out.name))
+        report("package", "invalid package name: " + out.name);
+    if (out.version.empty())
+        report("version", "missing version");
+    else if (!isValidVersion(out.version))
+        report("version", "invalid version: " + out.version);
     out.displayname = get("displayname");
     if (out.displayname.empty()) out.displayname = out.name;
     out.description = get("description");
     out.maintainer = get("maintainer");
     out.manager_url = get("manager_url");
     out.ui_dir = get("ui_dir");
-    if (!parsePort(get("admin_port"), out.admin_port)) return why = "invalid admin_port", false;
+    if (!parsePort(get("admin_port"), out.admin_port)) report("admin_port", "invalid admin_port");
     std::string beta = get("beta");
-    if (beta != "" && beta != "yes" && beta != "no") return why = "beta must be yes or no", false;
+    if (beta != "" && beta != "yes" && beta != "no") report("beta", "beta must be yes or no");
     out.beta = beta == "yes";
-    if (!parseDependencyList(get("install_dep_packages"), out.depends))
-        return why = "invalid install_dep_packages", false;
-    if (!parseDependencyList(get("install_conflict_packages"), out.conflicts))
-        return why = "invalid install_conflict_packages", false;
+    std::string why;
+    if (!parseDependencyList(get("install_dep_packages"), out.depends, why))
+        report("install_dep_packages", "invalid install_dep_packages: " + why);
+    if (!parseDependencyList(get("install_conflict_packages"), out.conflicts, why))
+        report("install_conflict_packages", "invalid install_conflict_packages: " + why);
     out.services = splitBlanks(get("install_dep_services"));
     out.firmware = get("firmware");
     if (!out.firmware.empty() && !isValidVersion(out.firmware))
-        return why = "invalid firmware version", false;
+        report("firmware", "invalid firmware version");
     out.arch = get("arch");
-    if (!isValidArch(out.arch)) return why = "invalid arch", false;
+    if (!isValidArch(out.arch)) report("arch", "invalid arch");
     out.checksum = lowerHex(get("checksum"));
-    if (!out.checksum.empty() &&
-        (out.checksum.size() != 32 ||
-         out.checksum.find_first_not_of("0123456789abcdef") != std::string::npos))
-        return why = "checksum must be 32 hex digits", false;
+    if (!out.checksum.empty() && !isHexDigest(out.checksum, 32))
+        report("checksum", "checksum must be 32 hex digits");
     out.sha256 = lowerHex(get("sha256"));
-    if (!out.sha256.empty() &&
-        (out.sha256.size() != 64 ||
-         out.sha256.find_first_not_of("0123456789abcdef") != std::string::npos))
-        return why = "sha256 must be 64 hex digits", false;
-    return true;
+    if (!out.sha256.empty() && !isHexDigest(out.sha256, 64))
+        report("sha256", "sha256 must be 64 hex digits");
 }
 
 }  // namespace
@@ -144,7 +184,10 @@ int parseManifest(std::string_view text, Manifest& out, std::string* error) {
     }
     if (ok) {
         parsed.pairs = std::move(*pairs);
-        ok = readFields(parsed.pairs, parsed, why);
+        readFields(parsed.pairs, parsed, [&](std::string_view, std::string message) {
+            if (ok) why = std::move(message);
+            ok = false;
+        });
     }
     if (!ok) {
         if (error) *error = "invalid manifest: " + why;
@@ -154,22 +197,72 @@ int parseManifest(std::string_view text, Manifest& out, std::string* error) {
     return kOk;
 }
 
+std::vector<ManifestProblem> checkManifest(std::string_view text) {
+    std::vector<ManifestProblem> problems;
+    // Each line on its own, so that one bad line does not hide the others.
+    KeyValues pairs;
+    std::map<std::string, size_t, std::less<>> lineOfKey;
+    size_t lineNumber = 0;
+    while (!text.empty()) {
+        size_t end = text.find('\n');
+        std::string_view line = text.substr(0, end);
+        text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);
+        ++lineNumber;
+        std::optional<KeyValues> parsed = parseKeyValues(line);
+        if (!parsed) {
+            problems.push_back({lineNumber, "expected key=\"value\""});
+            continue;
+        }
+        for (auto& pair : *parsed) {
+            auto [at, added] = lineOfKey.emplace(pair.first, lineNumber);
+            if (!added) {
+                problems.push_back({lineNumber, "duplicate key: " + pair.first +
+                                                    " (first on line " +
+                                                    std::to_string(at->second) + ")"});
+                continue;
+            }
+            if (!isKnownKey(pair.first))
+                problems.push_back({lineNumber, "unknown key: " + pair.first, true});
+            else if (pair.first == "important" && pair.second != "yes" && pair.second != "no")
+                problems.push_back({lineNumber, "important should be yes or no", true});
+            pairs.push_back(std::move(pair));
+        }
+    }
+    Manifest ignored;
+    readFields(pairs, ignored, [&](std::string_view key, std::string message) {
+        auto at = lineOfKey.find(key);
+        problems.push_back({at == lineOfKey.end() ? 0 : at->second, std::move(message)});
+    });
+    std::stable_sort(
+        problems.begin(), problems.end(),
+        [](const ManifestProblem& a, const ManifestProblem& b) { return a.line < b.line; });
+    return problems;
+}
+
 std::string formatManifest(const Manifest& manifest) {
     return formatKeyValues(manifest.pairs);
 }
 
-std::optional<Dependency> parseDependency(std::string_view item) {
+std::optional<Dependency> parseDependency(std::string_view item, std::string* why) {
+    auto refuse = [&](std::string reason) -> std::optional<Dependency> {
+        if (why) *why = std::move(reason);
+        return std::nullopt;
+    };
     item = trim(item);
     size_t opAt = item.find_first_of("<>=");
     Dependency dep;
     dep.name = std::string(trim(item.substr(0, opAt)));
-    if (!isValidPackageName(dep.name)) return std::nullopt;
+    if (item.empty()) return refuse("empty item");
+    if (dep.name.empty()) return refuse("no package name");
+    if (!isValidPackageName(dep.name)) return refuse("invalid package name: " + dep.name);
     if (opAt == std::string_view::npos) return dep;
     std::string_view rest = item.substr(opAt);
     size_t opLength = rest.size() >= 2 && rest[1] == '=' && rest[0] != '=' ? 2 : 1;
     dep.op = std::string(rest.substr(0, opLength));
     dep.version = std::string(trim(rest.substr(opLength)));
-    if (!isValidVersion(dep.version)) return std::nullopt;
+    if (dep.version.empty()) return refuse("no version after " + dep.op);
+    if (!isValidVersion(dep.version))
+        return refuse("invalid version: " + dep.version + " (operators are >=, <=, >, < and =)");
     return dep;
 }
 

@@ -45,11 +45,26 @@ bool isValidVersion(std::string_view version);
 // kOk, or kBadManifest with a reason in `error`.
 int parseManifest(std::string_view text, Manifest& out, std::string* error = nullptr);
 
+// One broken rule of a manifest: the line it is on (1-based; 0 when it
+// concerns the whole file, such as a missing key) and what is wrong. A
+// warning (an unknown key, likely a typing slip) does not make it invalid.
+struct ManifestProblem {
+    size_t line = 0;
+    std::string message;
+    bool warning = false;
+};
+
+// Every broken rule of the manifest text, by line. It applies the rules of
+// parseManifest, so it holds no error exactly when parseManifest accepts the
+// text; it goes on past the first problem, for authors.
+std::vector<ManifestProblem> checkManifest(std::string_view text);
+
 // The manifest as INFO text (every pair, in order).
 std::string formatManifest(const Manifest& manifest);
 
-// "name>=1.2" and the like; nothing when the item is malformed.
-std::optional<Dependency> parseDependency(std::string_view item);
+// "name>=1.2" and the like; nothing when the item is malformed, with the
+// reason in `why`.
+std::optional<Dependency> parseDependency(std::string_view item, std::string* why = nullptr);
 
 // Whether this device can run the package: kOk, kWrongArch when the package
 // is built for another machine (an empty arch or "noarch" fits any), or

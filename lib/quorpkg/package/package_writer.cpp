@@ -6,14 +6,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <vector>
 
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
-#include "quorpkg/package/md5.h"
 #include "quorpkg/package/entry_check.h"
 #include "quorpkg/package/manifest.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/temp_file.h"
 
@@ -62,16 +63,42 @@ archive_io::WriteArchive newTarWriter() {
     return writer;
 }
 
-// An entry with the file's type, mode and time; owners are left out so that
-// the package does not carry the builder's user ids.
-archive_io::Entry makeEntry(const std::string& name, const struct stat& st) {
+// An entry with the file's type and mode and the build's one time; owners
+// are left out so that the package does not carry the builder's user ids.
+archive_io::Entry makeEntry(const std::string& name, const struct stat& st, time_t mtime) {
     archive_io::Entry entry(archive_entry_new());
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_filetype(entry.get(), st.st_mode & S_IFMT);
     archive_entry_set_perm(entry.get(), st.st_mode & 07777);
-    archive_entry_set_mtime(entry.get(), st.st_mtime, 0);
+    archive_entry_set_mtime(entry.get(), mtime, 0);
     archive_entry_set_size(entry.get(), S_ISREG(st.st_mode) ? st.st_size : 0);
     return entry;
+}
+
+// The time of every entry: SOURCE_DATE_EPOCH when set, else the newest
+// modification time of the source, so that building the same folder twice
+// gives the same bytes.
+time_t buildTime(const fs::path& sourceDir) {
+    if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH")) {
+        char* end = nullptr;
+        errno = 0;
+        long long value = std::strtoll(epoch, &end, 10);
+        if (*epoch && *end == '\0' && errno == 0 && value >= 0) return static_cast<time_t>(value);
+    }
+    time_t newest = 0;
+    auto consider = [&](const fs::path& path) {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) == 0) newest = std::max(newest, st.st_mtime);
+    };
+    consider(sourceDir / "INFO");
+    for (const char* part : {"package", "scripts", "conf"}) {
+        std::error_code ec;
+        if (!fs::is_directory(sourceDir / part, ec)) continue;
+        consider(sourceDir / part);
+        for (const auto& item : fs::recursive_directory_iterator(sourceDir / part))
+            consider(item.path());
+    }
+    return newest;
 }
 
 int copyData(archive* writer, int fd, const std::string& name, std::string& why) {
@@ -94,13 +121,13 @@ int copyData(archive* writer, int fd, const std::string& name, std::string& why)
 // Adds `path` as `name`: a directory, a regular file with its data, or (when
 // `allowLinks`) a symbolic link that stays inside the tree.
 int addPath(archive* writer, const fs::path& path, const std::string& name, bool allowLinks,
-            std::string& why) {
+            time_t mtime, std::string& why) {
     struct stat st {};
     if (::lstat(path.c_str(), &st) != 0) {
         why = "cannot read " + path.string();
         return kFileUnreadable;
     }
-    archive_io::Entry entry = makeEntry(name, st);
+    archive_io::Entry entry = makeEntry(name, st, mtime);
     UniqueFd fd;
     if (S_ISLNK(st.st_mode) && allowLinks) {
         std::error_code ec;
@@ -140,17 +167,17 @@ std::vector<fs::path> treeEntries(const fs::path& root) {
 }
 
 int addTree(archive* writer, const fs::path& root, const std::string& prefix, bool allowLinks,
-            std::string& why) {
+            time_t mtime, std::string& why) {
     for (const fs::path& relative : treeEntries(root))
         if (int code = addPath(writer, root / relative, prefix + relative.generic_string(),
-                               allowLinks, why))
+                               allowLinks, mtime, why))
             return code;
     return kOk;
 }
 
 // Writes the payload tar of package/ to `fd`; its md5 and size in `sink`.
-int writePayload(const fs::path& tree, PayloadCompression compression, HashingSink& sink,
-                 std::string& why) {
+int writePayload(const fs::path& tree, PayloadCompression compression, time_t mtime,
+                 HashingSink& sink, std::string& why) {
     archive_io::WriteArchive writer = newTarWriter();
     if (compression == PayloadCompression::kZstd) {
         archive_write_add_filter_zstd(writer.get());
@@ -165,7 +192,7 @@ int writePayload(const fs::path& tree, PayloadCompression compression, HashingSi
         why = "cannot start the payload: " + errorText(writer.get());
         return kFileUnreadable;
     }
-    if (int code = addTree(writer.get(), tree, "", true, why)) return code;
+    if (int code = addTree(writer.get(), tree, "", true, mtime, why)) return code;
     if (archive_write_close(writer.get()) != ARCHIVE_OK) {
         why = "cannot finish the payload: " + errorText(writer.get());
         return archive_errno(writer.get()) == ENOSPC ? kNoSpace : kFileUnreadable;
@@ -206,7 +233,9 @@ int writePackage(const fs::path& sourceDir, Manifest& manifest, PayloadCompressi
         return kFileUnreadable;
     }
     HashingSink payloadSink(payload.fd());
-    if (int code = writePayload(sourceDir / "package", compression, payloadSink, why)) return code;
+    const time_t mtime = buildTime(sourceDir);
+    if (int code = writePayload(sourceDir / "package", compression, mtime, payloadSink, why))
+        return code;
     setValue(manifest.pairs, "checksum", payloadSink.md5.hex());
     setValue(manifest.pairs, "sha256", payloadSink.sha256.hex());
     std::string info = formatManifest(manifest);
@@ -219,13 +248,12 @@ int writePackage(const fs::path& sourceDir, Manifest& manifest, PayloadCompressi
         return kFileUnreadable;
     }
     struct stat st {};
-    ::stat((sourceDir / "INFO").c_str(), &st);
     st.st_mode = S_IFREG | 0644;
     st.st_size = static_cast<off_t>(info.size());
-    archive_io::Entry infoEntry = makeEntry("INFO", st);
+    archive_io::Entry infoEntry = makeEntry("INFO", st, mtime);
     st.st_size = payloadSink.size;
     const char* member = compression == PayloadCompression::kZstd ? "package.tzst" : "package.tgz";
-    archive_io::Entry payloadEntry = makeEntry(member, st);
+    archive_io::Entry payloadEntry = makeEntry(member, st, mtime);
     if (archive_write_header(writer.get(), infoEntry.get()) != ARCHIVE_OK ||
         archive_write_data(writer.get(), info.data(), info.size()) !=
             static_cast<la_ssize_t>(info.size()) ||
@@ -238,8 +266,10 @@ int writePackage(const fs::path& sourceDir, Manifest& manifest, PayloadCompressi
     std::error_code ec;
     for (const char* part : {"scripts", "conf"}) {
         if (!fs::is_directory(sourceDir / part, ec)) continue;
-        if (int code = addPath(writer.get(), sourceDir / part, part, false, why)) return code;
-        if (int code = addTree(writer.get(), sourceDir / part, std::string(part) + "/", false, why))
+        if (int code = addPath(writer.get(), sourceDir / part, part, false, mtime, why))
+            return code;
+        if (int code =
+                addTree(writer.get(), sourceDir / part, std::string(part) + "/", false, mtime, why))
             return code;
     }
     if (archive_write_close(writer.get()) != ARCHIVE_OK) {
