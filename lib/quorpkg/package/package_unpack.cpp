@@ -12,6 +12,7 @@
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
 #include "quorpkg/package/entry_check.h"
+#include "quorpkg/package/gzip_check.h"
 #include "quorpkg/package/md5_worker.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
@@ -119,6 +120,11 @@ private:
 struct PayloadStream {
     archive* outer;
     Md5Worker md5;
+    std::unique_ptr<GzipTrailerCheck> gzip;  // for a gzip payload
+
+    void checkCompressed(const void* data, size_t size) {
+        if (gzip) gzip->update(data, size);
+    }
 
     static la_ssize_t read(archive* inner, void* self, const void** block) {
         auto* stream = static_cast<PayloadStream*>(self);
@@ -128,6 +134,7 @@ struct PayloadStream {
             archive_set_error(inner, EIO, "%s", archive_io::errorText(stream->outer).c_str());
             return -1;
         }
+        stream->checkCompressed(buffer, static_cast<size_t>(n));
         // libarchive reads a block until its next call; the worker keeps
         // kBuffers - 1 blocks back untouched.
         stream->md5.submit(static_cast<size_t>(n));
@@ -149,10 +156,12 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
     // Only the two decompressors a payload may use: no external programs
     // are ever started for untrusted input.
     bool zstd = member == "package.tzst";
-    if (zstd)
+    if (zstd) {
         archive_read_support_filter_zstd(inner.get());
-    else
+    } else {
         archive_read_support_filter_gzip(inner.get());
+        stream->gzip = std::make_unique<GzipTrailerCheck>();
+    }
     archive_read_set_read_callback(inner.get(), &PayloadStream::read);
     archive_read_set_callback_data(inner.get(), stream.get());
 
@@ -187,8 +196,10 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
     size_t size;
     la_int64_t offset;
     int r;
-    while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK)
+    while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK) {
+        stream->checkCompressed(block, size);
         stream->md5.update(block, size);
+    }
     if (r != ARCHIVE_EOF) {
         why = "cannot read " + member + ": " + archive_io::errorText(outer);
         return kFileUnreadable;
@@ -196,6 +207,11 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
     if (!checksum.empty() && stream->md5.hex() != checksum) {
         why = "checksum mismatch of " + member;
         return kChecksumMismatch;
+    }
+    // zstd checks its own frame checksums while decompressing.
+    if (code == kOk && stream->gzip && !stream->gzip->complete()) {
+        why = "damaged compressed data in " + member + " (gzip trailer)";
+        return kFileUnreadable;
     }
     return code;
 }
