@@ -58,8 +58,8 @@ TEST_F(PackageHostile, ADamagedGzipPayloadIsRefusedBeforeWriting) {
     badLength[badLength.size() - 1] = char(badLength[badLength.size() - 1] ^ 0x01);
     const std::string noTrailer = good.substr(0, good.size() - 8);
     const std::string trailingJunk = good + "junk";
-    for (const std::string* payload :
-         std::initializer_list<const std::string*>{&inData, &badCrc, &badLength, &noTrailer, &trailingJunk}) {
+    for (const std::string* payload : std::initializer_list<const std::string*>{
+             &inData, &badCrc, &badLength, &noTrailer, &trailingJunk}) {
         SCOPED_TRACE(*payload == inData ? "in data" : "trailer");
         EXPECT_EQ(unpack(withPayload(*payload)), kFileUnreadable);
     }
@@ -81,6 +81,20 @@ TEST_F(PackageHostile, AFileCutInsideTheEndOfArchiveMarkerIsRefused) {
         writeText(dir_.path() / "whole.zpk", bytes.substr(0, length));
         EXPECT_EQ(readPackageHead(dir_.path() / "whole.zpk", head), kOk);
     }
+}
+
+TEST_F(PackageHostile, APayloadLargerThanItsAllowanceIsRefusedBeforeWriting) {
+    // 8 MiB of zeros pack into a few KiB.
+    const std::string payload =
+        tarBytes({dirEntry("share"), fileEntry("share/zeros", std::string(8 << 20, '\0'))},
+                 TarFilter::kGzip);
+    ASSERT_LT(payload.size(), 64u << 10);
+    const fs::path file = withPayload(payload);
+    UnpackTargets where = targets();
+    where.spaceAllowance = 4 << 20;
+    EXPECT_EQ(unpack(file, where), kNoSpace);
+    where.spaceAllowance = 9 << 20;
+    EXPECT_EQ(unpack(file, where), kOk);
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 // goes through libarchive. docs/package-format.md lists what is refused.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,11 @@ struct UnpackTargets {
     std::filesystem::path payload;  // the payload's entries
     std::filesystem::path scripts;  // scripts/<name> members, made executable
     std::filesystem::path conf;     // conf/... members
+    // The most disk space the payload may take (kNoSpace beyond it). Each
+    // entry counts its declared data rounded up to whole 4 KiB blocks, and
+    // at least one block; counted from the headers before anything is
+    // written, and again while writing.
+    std::uint64_t spaceAllowance = std::numeric_limits<std::uint64_t>::max();
 };
 
 // Checks the payload checksum against the manifest (kChecksumMismatch) and

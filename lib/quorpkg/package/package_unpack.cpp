@@ -114,6 +114,15 @@ private:
     fs::path dir_;
 };
 
+// What an entry takes on disk at least: its data in whole blocks, and one
+// block for an empty file, a folder or a link.
+std::uint64_t diskCost(archive_entry* entry) {
+    constexpr std::uint64_t kBlock = 4096;
+    la_int64_t size = archive_entry_filetype(entry) == AE_IFREG ? archive_entry_size(entry) : 0;
+    std::uint64_t blocks = size > 0 ? (static_cast<std::uint64_t>(size) + kBlock - 1) / kBlock : 1;
+    return blocks * kBlock;
+}
+
 // The payload as a stream read from the outer archive's current member,
 // hashed on the way through (on the worker's thread, while this one
 // decompresses, checks and writes).
@@ -148,7 +157,7 @@ struct PayloadStream {
 // after the whole member went through, and a mismatch outranks any other
 // failure, which a damaged payload would explain.
 int streamPayload(archive* outer, const std::string& member, const std::string& checksum,
-                  DiskWriter* disk, std::string& why) {
+                  std::uint64_t allowance, DiskWriter* disk, std::string& why) {
     auto stream = std::make_unique<PayloadStream>();
     stream->outer = outer;
     archive_io::ReadArchive inner(archive_read_new());
@@ -171,6 +180,7 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
         code = kFileUnreadable;
     }
     TreeChecker checker;
+    std::uint64_t spent = 0;
     while (code == kOk) {
         archive_entry* entry = nullptr;
         int r = archive_read_next_header(inner.get(), &entry);
@@ -182,8 +192,12 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
             break;
         }
         std::optional<std::string> name = checker.check(entry, why);
+        spent += diskCost(entry);
         if (!name) {
             code = kUnsafeEntry;
+        } else if (spent > allowance) {
+            why = member + " unpacks to more than the volume has room for";
+            code = kNoSpace;
         } else if (disk) {
             if (!name->empty()) code = disk->write(inner.get(), entry, *name, std::nullopt, why);
         } else if (archive_read_data_skip(inner.get()) != ARCHIVE_OK) {
@@ -217,15 +231,15 @@ int streamPayload(archive* outer, const std::string& member, const std::string& 
 }
 
 // One pass over the package file; writes only when `targets` is given.
-int unpackPass(int fd, const std::string& checksum, const UnpackTargets* targets,
-               std::string& why) {
+int unpackPass(int fd, const std::string& checksum, std::uint64_t allowance,
+               const UnpackTargets* targets, std::string& why) {
     DiskWriter disk;
     auto visit = [&](archive* reader, archive_entry* entry, const std::string& name,
                      MemberKind kind, std::string& reason) -> int {
         if (kind == MemberKind::kPayload) {
-            if (!targets) return streamPayload(reader, name, checksum, nullptr, reason);
+            if (!targets) return streamPayload(reader, name, checksum, allowance, nullptr, reason);
             if (int code = disk.open(targets->payload, reason)) return code;
-            int code = streamPayload(reader, name, checksum, &disk, reason);
+            int code = streamPayload(reader, name, checksum, allowance, &disk, reason);
             int closed = disk.close(&reason);
             return code != kOk ? code : closed;
         }
@@ -265,7 +279,8 @@ int unpackPackage(const fs::path& file, const PackageFileHead& head, const Unpac
         code = kFileUnreadable;
     }
     // Everything is checked before the first byte is written.
-    if (code == kOk) code = unpackPass(fd.get(), head.manifest.checksum, nullptr, why);
+    if (code == kOk)
+        code = unpackPass(fd.get(), head.manifest.checksum, targets.spaceAllowance, nullptr, why);
     if (code == kOk) {
         std::error_code ec;
         for (const fs::path& dir : {targets.payload, targets.scripts, targets.conf}) {
@@ -279,7 +294,7 @@ int unpackPackage(const fs::path& file, const PackageFileHead& head, const Unpac
     }
     if (code == kOk) {
         std::lock_guard<std::mutex> guard(workingDirectoryLock());
-        code = unpackPass(fd.get(), head.manifest.checksum, &targets, why);
+        code = unpackPass(fd.get(), head.manifest.checksum, targets.spaceAllowance, &targets, why);
     }
     if (code != kOk && error) *error = why;
     return code;

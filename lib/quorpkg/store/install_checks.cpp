@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <set>
 #include <system_error>
 
@@ -70,6 +71,16 @@ int checkSpace(const fs::path& volume, const fs::path& file) {
     const auto size = fs::file_size(file, ec);
     if (ec) return kFileUnreadable;
     return freeBytes(volume) < size ? kNoSpace : kOk;
+}
+
+std::uint64_t unpackAllowance(const fs::path& volume) {
+    constexpr std::uint64_t kMaxReserve = 64ull << 20;
+    struct statvfs info {};
+    if (::statvfs(volume.c_str(), &info) != 0) return 0;
+    const std::uint64_t size = std::uint64_t(info.f_blocks) * info.f_frsize;
+    const std::uint64_t free = std::uint64_t(info.f_bavail) * info.f_frsize;
+    const std::uint64_t reserve = std::min(size / 20, kMaxReserve);
+    return free > reserve ? free - reserve : 0;
 }
 
 int chooseVolume(const std::string& name, const fs::path& requested, fs::path& out) {

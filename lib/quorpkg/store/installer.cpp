@@ -99,9 +99,10 @@ private:
         fs::remove_all(paths_.appNew, ec);
         // A payload that no installed package owns is a leftover.
         if (!upgrade()) fs::remove_all(paths_.app, ec);
-        int code = unpackPackage(
-            request_.file, head_,
-            {paths_.appNew, paths_.packageNew / "scripts", paths_.packageNew / "conf"});
+        UnpackTargets targets{paths_.appNew, paths_.packageNew / "scripts",
+                              paths_.packageNew / "conf"};
+        targets.spaceAllowance = unpackAllowance(change_.volume);
+        int code = unpackPackage(request_.file, head_, targets);
         if (code != kOk) return code;
         failpoint("install-stage");
         if (!writeFileAtomic(paths_.packageNew / "INFO", formatManifest(head_.manifest)))
