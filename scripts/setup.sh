@@ -4,7 +4,8 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config
   libboost-program-options-dev libboost-filesystem-dev libboost-system-dev
   libjsoncpp-dev libarchive-dev libcurl4-openssl-dev libssl-dev
-  libgtest-dev libgmock-dev python3 zstd)
+  libgtest-dev libgmock-dev python3 zstd zlib1g-dev
+  clang nginx-light)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -54,6 +54,20 @@ TEST_F(ServerHostile, ACatalogNestedTooDeepIsAFailedQuery) {
     EXPECT_FALSE(parseCatalog(nested, packages));
 }
 
+TEST_F(ServerHostile, NumbersOfAnySizeInAnEntryAreReadWithoutAnException) {
+    serve();
+    writeText(repo / "catalog.json",
+              "{\"packages\":[{\"package\":\"demo\",\"version\":\"1\",\"link\":\"d.zpk\","
+              "\"beta\":18446744073709551615,\"important\":-9223372036854775808,"
+              "\"size\":1.5e300,\"type\":18446744073709551615}]}");
+    writeText(repo / "catalog.hash", "huge\n");
+    Json::Value entry;
+    EXPECT_TRUE(QUORPackageServer::GetPackageInfoFromServer("demo", entry, true, "enu", true))
+        << lastResult();
+    EXPECT_FALSE(QUORPackageServer::GetPackageInfoFromServer("demo", entry, true, "enu", false));
+    EXPECT_EQ(lastResult(), kNotOnServer);
+}
+
 TEST_F(ServerHostile, ACatalogLargerThanTheSettingAllowsIsAFailedQuery) {
     installLocal(packageSource("demo"));
     publish(packageSource("demo", "2.0"));
