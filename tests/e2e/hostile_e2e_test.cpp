@@ -14,9 +14,11 @@ namespace {
 TEST(E2eHostile, ACatalogNestedTooDeepFailsLikeAnUnreachableServer) {
     Device device;
     const fs::path sources = device.root().host("/etc/quorpkg/sources");
-    const std::vector<std::vector<std::string>> commands = {
-        {"checkupdateall"},       {"checkupdate", "demo"}, {"chkupgradepkg", "enu"},
-        {"upgradeall", "false"},  {"install_from_server", "demo"}};
+    const std::vector<std::vector<std::string>> commands = {{"checkupdateall"},
+                                                            {"checkupdate", "demo"},
+                                                            {"chkupgradepkg", "enu"},
+                                                            {"upgradeall", "false"},
+                                                            {"install_from_server", "demo"}};
 
     // What each command says when the server cannot be reached.
     std::vector<RunResult> unreachable;

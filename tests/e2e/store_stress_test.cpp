@@ -43,8 +43,8 @@ Snapshot snapshot(const fs::path& root) {
 
 unsigned testSeed() {
     const char* given = std::getenv("QUOR_TEST_SEED");
-    unsigned seed = given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
-                          : std::random_device{}();
+    unsigned seed =
+        given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
     std::cout << "seed " << seed << " (replay with QUOR_TEST_SEED=" << seed << ")\n";
     ::testing::Test::RecordProperty("seed", std::to_string(seed));
     return seed;
@@ -75,9 +75,8 @@ test::PackageSource version(const std::string& number) {
     source.files = {{"bin/demo", "#!/bin/sh\necho " + number + "\n"},
                     {"share/" + number, std::string(200000, 'v')}};
     source.conf = {{"demo.conf", number}};
-    source.scripts = {{"postinst", "#!/bin/sh\n"},
-                      {"postupgrade", "#!/bin/sh\n"},
-                      {"preuninst", "#!/bin/sh\n"}};
+    source.scripts = {
+        {"postinst", "#!/bin/sh\n"}, {"postupgrade", "#!/bin/sh\n"}, {"preuninst", "#!/bin/sh\n"}};
     return source;
 }
 
@@ -183,9 +182,9 @@ TEST_F(StoreStress, ManyRunsAtOnceKeepTheStoreWhole) {
             } else {
                 // Never a half-changed package: stopped, or not there.
                 EXPECT_TRUE((result.status == 3 && result.out == "demo package is stopped\n"
-                                                                  "Status: [3]\n") ||
+                                                                 "Status: [3]\n") ||
                             (result.status == 4 && result.out == "No such package demo\n"
-                                                                  "Status: [255]\n"));
+                                                                 "Status: [255]\n"));
             }
         }
         EXPECT_NE(stateNow(), -1) << "a half-changed store";

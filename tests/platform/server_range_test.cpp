@@ -63,16 +63,20 @@ public:
         fs::create_directories(home / "temp");
         std::string temps;
         for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
-            temps += std::string("  ") + kind + "_temp_path " + (home / "temp" / kind).string() +
-                     ";\n";
+            temps +=
+                std::string("  ") + kind + "_temp_path " + (home / "temp" / kind).string() + ";\n";
         writeText(home / "nginx.conf",
                   "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-                  "pid " + (home / "nginx.pid").string() + ";\n"
-                  "error_log " + (home / "error.log").string() + ";\n"
-                  "events { worker_connections 64; }\n"
-                  "http {\n  access_log " + accessLog().string() + ";\n" + temps +
-                  "  server { listen 127.0.0.1:" + std::to_string(port_) + "; root " +
-                  dir.string() + "; }\n}\n");
+                  "pid " +
+                      (home / "nginx.pid").string() +
+                      ";\n"
+                      "error_log " +
+                      (home / "error.log").string() +
+                      ";\n"
+                      "events { worker_connections 64; }\n"
+                      "http {\n  access_log " +
+                      accessLog().string() + ";\n" + temps + "  server { listen 127.0.0.1:" +
+                      std::to_string(port_) + "; root " + dir.string() + "; }\n}\n");
         pid_ = ::fork();
         if (pid_ == 0) {
             ::execl(binary.c_str(), binary.c_str(), "-p", home.c_str(), "-e",
@@ -114,12 +118,14 @@ TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
     if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
     PackageSource source = packageSource("big");
     std::string noise;
-    for (unsigned i = 3; noise.size() < 300000; i = i * 1103515245u + 12345u) noise += char(i >> 16);
+    for (unsigned i = 3; noise.size() < 300000; i = i * 1103515245u + 12345u)
+        noise += char(i >> 16);
     source.files["share/noise"] = noise;
     const fs::path file = publish(source);
     index();
     Nginx web(nginx, repo);
-    ASSERT_TRUE(web.running()) << readFile(web.accessLog().parent_path() / "error.log").value_or("");
+    ASSERT_TRUE(web.running())
+        << readFile(web.accessLog().parent_path() / "error.log").value_or("");
     writeText(layout::sourcesFile(), "quorserver " + web.url() + "\n");
 
     const std::string bytes = readFile(file).value();

@@ -44,8 +44,7 @@ int loadInstalled(const std::string& name, Manifest& manifest) {
 // reads as 4, LSB's "status unknown".
 int statusAnswer(int exitCode) {
     constexpr int kStatusUnknown = 4;
-    if (exitCode == kOk || exitCode == kBroken || (exitCode > 0 && exitCode < 100))
-        return exitCode;
+    if (exitCode == kOk || exitCode == kBroken || (exitCode > 0 && exitCode < 100)) return exitCode;
     return kStatusUnknown;
 }
 
