@@ -148,6 +148,9 @@ TEST_F(StoreHostile, AMissingRootIsAnErrorThatCreatesNothing) {
         QUORPackageTool::PackageManager manager;
         EXPECT_FALSE(manager.init());
         EXPECT_EQ(manager.getResult(), kStoreUnusable);
+        // The one call made without init() checks the root itself.
+        EXPECT_FALSE(QUORPackageTool::NotifyStoppedByFirmware("Demo"));
+        EXPECT_EQ(manager.getResult(), kStoreUnusable);
         EXPECT_FALSE(fs::exists(missing));
         writeText(dir.path() / "file", "");
         ::setenv("QUOR_ROOT", (dir.path() / "file").c_str(), 1);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/result.h"
+#include "base/system_root.h"
 #include "pkg_manager.h"
 #include "quorpkg/api/manager_state.h"
 #include "quorpkg/service/all_services.h"
@@ -107,7 +108,9 @@ int PMSThirdPartyCheckLimit(const char* name, const char* version) {
 }
 
 bool NotifyStoppedByFirmware(const std::string& displayName) {
-    if (quor::appendNotification("stopped_by_firmware", displayName)) return true;
+    // Called without init(): the root is checked here.
+    if (quor::rootExists() && quor::appendNotification("stopped_by_firmware", displayName))
+        return true;
     return quor::fail(quor::kStoreUnusable);
 }
 

@@ -1,8 +1,6 @@
 // PackageManager: set-up, package records, and the changes of the package
 // store (install, uninstall). Selector and volume arguments of the lookups
 // are accepted and ignored: every installed package is visible everywhere.
-#include <sys/stat.h>
-
 #include <system_error>
 
 #include "base/layout.h"
@@ -45,11 +43,8 @@ PackageManager::PackageManager() : state_(std::make_unique<State>()) {}
 PackageManager::~PackageManager() = default;
 
 bool PackageManager::init() {
-    // The folders inside the root are made; a missing root is a wrong
-    // QUOR_ROOT (or an unmounted device), not a new empty one.
-    struct stat root {};
-    if (::stat(quor::rootDir().c_str(), &root) != 0 || !S_ISDIR(root.st_mode))
-        return quor::fail(quor::kStoreUnusable);
+    // The folders inside the root are made, never the root itself.
+    if (!quor::rootExists()) return quor::fail(quor::kStoreUnusable);
     std::error_code ec;
     for (const fs::path& dir : quor::layout::requiredDirs()) {
         fs::create_directories(dir, ec);
