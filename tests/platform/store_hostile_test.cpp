@@ -103,6 +103,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
     ASSERT_EQ(install(build(packageSource("other"))), kOk);
     EXPECT_TRUE(isInstalled("demo"));
     EXPECT_TRUE(fs::exists(victim));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(layout::journalDir() / "demo")));
 
     // Task files: a linked one reads as no task; the task lock is not
     // created through a link.
