@@ -15,3 +15,13 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUOR_SANITIZE=ON
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# The fuzz targets, where clang is installed: built in a folder of their own
+# (only they and the libraries they need) and run a fixed number of times
+# from their seed corpora. A crash fails the run.
+if command -v clang++ >/dev/null; then
+  cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+    -DCMAKE_CXX_COMPILER=clang++ -DQUOR_FUZZ=ON -DQUOR_BUILD_TESTS=OFF
+  cmake --build build-fuzz -j"$jobs" --target quorpkg_fuzzers
+  tests/fuzz/run.sh build-fuzz 20000
+fi

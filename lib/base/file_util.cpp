@@ -24,11 +24,19 @@ UniqueFd::~UniqueFd() {
     if (fd_ >= 0) ::close(fd_);
 }
 
+UniqueFd openRegularFile(const fs::path& path, int flags, mode_t mode) {
+    UniqueFd fd(::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
+    struct stat st {};
+    if (fd && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) return UniqueFd();
+    return fd;
+}
+
 // Plain reads into one string: an iostream costs more than the read itself
 // for the small files (manifests, journals) this mostly serves. Like a
 // stream, a read error ends the content where it happened.
-std::optional<std::string> readFile(const fs::path& path) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+namespace {
+
+std::optional<std::string> readAll(const UniqueFd& fd) {
     if (!fd) return std::nullopt;
     // Most files fit the first block; larger ones double the room.
     std::string content(4096, '\0');
@@ -42,6 +50,16 @@ std::optional<std::string> readFile(const fs::path& path) {
     }
     content.resize(have);
     return content;
+}
+
+}  // namespace
+
+std::optional<std::string> readFile(const fs::path& path) {
+    return readAll(UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+}
+
+std::optional<std::string> readRegularFile(const fs::path& path) {
+    return readAll(openRegularFile(path, O_RDONLY));
 }
 
 namespace {

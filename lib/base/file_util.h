@@ -51,4 +51,14 @@ private:
     int fd_ = -1;
 };
 
+// Opens `path` without following a symbolic link in its last component and
+// only when it is a regular file (`flags` may add O_CREAT and the like); an
+// invalid descriptor otherwise. For files the store keeps for itself, where
+// a planted link must not redirect a write or a read.
+UniqueFd openRegularFile(const std::filesystem::path& path, int flags, mode_t mode = 0644);
+
+// The whole file, or nothing when it cannot be read, is a link or is not a
+// regular file.
+std::optional<std::string> readRegularFile(const std::filesystem::path& path);
+
 }  // namespace quor

@@ -44,10 +44,13 @@ std::string operationLine(const std::string& name, const std::string& package,
 void logOperation(const std::string& name, const std::string& package, const Outcome& outcome) {
     const std::string line = operationLine(name, package, outcome);
     const std::filesystem::path file = operationLogFile();
-    std::error_code ec;
-    std::filesystem::create_directories(file.parent_path(), ec);
-    appendCapped(file, utcStamp() + " [" + std::to_string(::getpid()) + "] " + line + "\n",
-                 kOperationLogCap);
+    // A root that does not exist is refused, never created, not even by its log.
+    if (rootExists()) {
+        std::error_code ec;
+        std::filesystem::create_directories(file.parent_path(), ec);
+        appendCapped(file, utcStamp() + " [" + std::to_string(::getpid()) + "] " + line + "\n",
+                     kOperationLogCap);
+    }
     // No openlog: its name and options are the process's, and the tool's own
     // lines keep theirs.
     ::syslog((outcome.code == kOk ? LOG_INFO : LOG_WARNING) | LOG_USER, "%s", line.c_str());

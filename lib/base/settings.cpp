@@ -2,6 +2,7 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <charconv>
 #include <thread>
 
@@ -12,13 +13,21 @@
 namespace quor {
 namespace {
 
+// A whole decimal number, clamped to [low, high]: a value beyond the range
+// (however many digits) means its end, so that no setting can overflow the
+// time and size computations made from it. Anything else (a sign, a unit,
+// blanks, an empty value) keeps the default.
 template <typename Number>
-void readNumber(const KeyValues& pairs, const char* key, Number& out) {
-    if (const std::string* value = findValue(pairs, key)) {
-        Number parsed{};
-        auto [end, ec] = std::from_chars(value->data(), value->data() + value->size(), parsed);
-        if (ec == std::errc() && end == value->data() + value->size() && parsed >= 0) out = parsed;
-    }
+void readNumber(const KeyValues& pairs, const char* key, Number low, Number high, Number& out) {
+    const std::string* value = findValue(pairs, key);
+    if (value == nullptr || value->empty()) return;
+    Number parsed{};
+    auto [end, ec] = std::from_chars(value->data(), value->data() + value->size(), parsed);
+    if (end != value->data() + value->size() || (*value)[0] == '-') return;
+    if (ec == std::errc::result_out_of_range)
+        out = high;
+    else if (ec == std::errc())
+        out = std::clamp(parsed, low, high);
 }
 
 void readText(const KeyValues& pairs, const char* key, std::string& out) {
@@ -35,10 +44,11 @@ Settings loadSettings() {
     if (!pairs) return settings;
     readText(*pairs, "default_volume", settings.default_volume);
     readText(*pairs, "auto_upgrade", settings.auto_upgrade);
-    readNumber(*pairs, "script_timeout", settings.script_timeout);
-    readNumber(*pairs, "lock_timeout", settings.lock_timeout);
-    readNumber(*pairs, "parallel_jobs", settings.parallel_jobs);
-    readNumber(*pairs, "catalog_ttl", settings.catalog_ttl);
+    readNumber(*pairs, "script_timeout", 0, 86400, settings.script_timeout);
+    readNumber(*pairs, "lock_timeout", 0, 3600, settings.lock_timeout);
+    readNumber(*pairs, "parallel_jobs", 0, 256, settings.parallel_jobs);
+    readNumber(*pairs, "catalog_ttl", 0L, 366L * 86400, settings.catalog_ttl);
+    readNumber(*pairs, "catalog_max_mib", 1, 1024, settings.catalog_max_mib);
     readText(*pairs, "firmware_version", settings.firmware_version);
     readText(*pairs, "arch", settings.arch);
     readText(*pairs, "require_signature", settings.require_signature);

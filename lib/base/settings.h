@@ -1,5 +1,5 @@
 // Platform settings from /etc/quorpkg/settings; a missing file or key means
-// the default.
+// the default. Numbers are clamped to the ranges in docs/store.md.
 #pragma once
 
 #include <string>
@@ -13,6 +13,7 @@ struct Settings {
     int lock_timeout = 60;               // seconds
     int parallel_jobs = 0;               // 0 means the number of processors
     long catalog_ttl = 86400;            // seconds
+    int catalog_max_mib = 64;            // largest catalog download, MiB
     std::string firmware_version = "7.0";
     std::string arch;                    // empty means `uname -m`
     std::string require_signature;       // yes, no; empty: yes once a key is trusted

@@ -1,5 +1,7 @@
 #include "base/system_root.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -28,6 +30,11 @@ fs::path rootDir() {
         lastValue = value;
     }
     return lastRoot;
+}
+
+bool rootExists() {
+    struct stat st {};
+    return ::stat(rootDir().c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 fs::path hostPath(std::string_view systemPath) {

@@ -13,6 +13,10 @@ namespace quor {
 // changes QUOR_ROOT sees the new root.
 std::filesystem::path rootDir();
 
+// Whether the root is an existing folder. A missing one is a wrong
+// QUOR_ROOT or an unmounted device, never to be created as a new device.
+bool rootExists();
+
 // The host path of a system path such as "/var/packages/foo".
 std::filesystem::path hostPath(std::string_view systemPath);
 

@@ -39,8 +39,7 @@ int zpkBuild(int argc, char** argv) {
     std::string error;
     // A signed build appears complete or not at all: built beside the
     // output, then signed into it.
-    const std::string built =
-        key ? output + ".unsigned-" + std::to_string(::getpid()) : output;
+    const std::string built = key ? output + ".unsigned-" + std::to_string(::getpid()) : output;
     int code = quor::buildPackage(source, built, compression, &error);
     if (code == 0 && key) code = quor::signPackage(built, output, *key, &error);
     if (key) ::unlink(built.c_str());

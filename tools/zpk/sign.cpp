@@ -62,7 +62,8 @@ int zpkSign(int argc, char** argv) {
     if (!key) return 1;
     std::string error;
     int code = quor::signPackage(file, file, *key, &error);
-    if (code != 0) return zpkError(1, "%s: cannot sign (%d): %s", file.c_str(), code, error.c_str());
+    if (code != 0)
+        return zpkError(1, "%s: cannot sign (%d): %s", file.c_str(), code, error.c_str());
     std::printf("%s: signed by key %s\n", file.c_str(), key->id().c_str());
     return 0;
 }

@@ -6,6 +6,7 @@
 
 #include "base/operation.h"
 #include "base/result.h"
+#include "base/system_root.h"
 #include "pkg_manager.h"
 #include "quorpkg/api/manager_state.h"
 #include "quorpkg/service/all_services.h"
@@ -130,6 +131,9 @@ int PMSThirdPartyCheckLimit(const char* name, const char* version) {
 bool NotifyStoppedByFirmware(const std::string& displayName) {
     quor::Operation operation("NotifyStoppedByFirmware", displayName, quor::freeFunctionResults(),
                               quor::LogPolicy::kAlways);
+    // Called without init(): the root is checked here.
+    if (!quor::rootExists())
+        return quor::fail(quor::kStoreUnusable, quor::rootDir().string() + " does not exist");
     if (quor::appendNotification("stopped_by_firmware", displayName)) return true;
     return quor::fail(quor::kStoreUnusable, "cannot append to the notification spool");
 }

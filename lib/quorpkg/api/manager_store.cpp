@@ -47,6 +47,9 @@ PackageManager::~PackageManager() = default;
 
 bool PackageManager::init() {
     quor::Operation operation("init", "", state_->results, quor::LogPolicy::kOnFailure);
+    // The folders inside the root are made, never the root itself.
+    if (!quor::rootExists())
+        return quor::fail(quor::kStoreUnusable, quor::rootDir().string() + " does not exist");
     std::error_code ec;
     for (const fs::path& dir : quor::layout::requiredDirs()) {
         fs::create_directories(dir, ec);
@@ -56,7 +59,7 @@ bool PackageManager::init() {
     }
     // A change that was cut short is finished or undone now, unless some
     // process is in the middle of one (its own recovery comes first anyway).
-    if (!quor::pendingJournals().empty()) {
+    if (quor::anyJournalEntry()) {
         if (auto lock = quor::StoreLock::tryAcquireFresh()) quor::recoverUnfinishedChange();
     }
     state_->initialized = true;

@@ -92,12 +92,14 @@ int memberSha256(archive* reader, const std::string& name, std::string& sha256, 
 
 namespace {
 
-// Whether the tar block that ends at `end` is all zeros: the end-of-archive
-// marker that the reader consumed before reporting the end.
-bool endsWithMarker(int fd, la_int64_t end) {
-    char block[512];
-    if (end < 512 || ::pread(fd, block, sizeof block, end - 512) != 512) return false;
-    for (char c : block)
+// Whether the file holds the whole end-of-archive marker, two zero blocks,
+// at `start`: where the reader looked for the next header and found the end.
+// One zero block is not enough: a file cut inside the marker looks the same
+// to libarchive as a complete one.
+bool holdsMarkerAt(int fd, la_int64_t start) {
+    char blocks[1024];
+    if (start < 0 || ::pread(fd, blocks, sizeof blocks, start) != sizeof blocks) return false;
+    for (char c : blocks)
         if (c != 0) return false;
     return true;
 }
@@ -158,9 +160,10 @@ int walkMembers(int fd, const MemberVisitor& visit, std::string& why) {
         why = "not a package file: empty";
         return kFileUnreadable;
     }
-    // libarchive takes a file that ends right after a member as complete;
-    // only the end-of-archive marker tells that nothing was cut off.
-    if (!endsWithMarker(fd, archive_filter_bytes(reader.get(), -1))) {
+    // libarchive takes a file that ends right after a member, or inside the
+    // marker, as complete; only the whole marker tells that nothing was cut
+    // off. The header position is where the end was found.
+    if (!holdsMarkerAt(fd, archive_read_header_position(reader.get()))) {
         why = "the package file is cut short (no end-of-archive marker)";
         return kFileUnreadable;
     }

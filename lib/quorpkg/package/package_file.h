@@ -4,7 +4,9 @@
 // goes through libarchive. docs/package-format.md lists what is refused.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -56,6 +58,11 @@ struct UnpackTargets {
     std::filesystem::path payload;  // the payload's entries
     std::filesystem::path scripts;  // scripts/<name> members, made executable
     std::filesystem::path conf;     // conf/... members
+    // The most disk space the payload may take (kNoSpace beyond it). Each
+    // entry counts its declared data rounded up to whole 4 KiB blocks, and
+    // at least one block; counted from each entry's header before the
+    // entry is written.
+    std::uint64_t spaceAllowance = std::numeric_limits<std::uint64_t>::max();
 };
 
 // Unpacks in one pass over the file, checking every payload entry

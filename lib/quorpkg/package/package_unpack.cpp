@@ -14,6 +14,7 @@
 #include "quorpkg/package/archive_io.h"
 #include "quorpkg/package/digest_worker.h"
 #include "quorpkg/package/entry_check.h"
+#include "quorpkg/package/gzip_check.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
 
@@ -117,12 +118,26 @@ private:
     fs::path dir_;
 };
 
+// What an entry takes on disk at least: its data in whole blocks, and one
+// block for an empty file, a folder or a link.
+std::uint64_t diskCost(archive_entry* entry) {
+    constexpr std::uint64_t kBlock = 4096;
+    la_int64_t size = archive_entry_filetype(entry) == AE_IFREG ? archive_entry_size(entry) : 0;
+    std::uint64_t blocks = size > 0 ? (static_cast<std::uint64_t>(size) + kBlock - 1) / kBlock : 1;
+    return blocks * kBlock;
+}
+
 // The payload as a stream read from the outer archive's current member,
 // hashed on the way through (on the worker's thread, while this one
 // decompresses, checks and writes).
 struct PayloadStream {
     archive* outer;
     DigestWorker digests;
+    std::unique_ptr<GzipTrailerCheck> gzip;  // for a gzip payload
+
+    void checkCompressed(const void* data, size_t size) {
+        if (gzip) gzip->update(data, size);
+    }
 
     static la_ssize_t read(archive* inner, void* self, const void** block) {
         auto* stream = static_cast<PayloadStream*>(self);
@@ -132,6 +147,7 @@ struct PayloadStream {
             archive_set_error(inner, EIO, "%s", archive_io::errorText(stream->outer).c_str());
             return -1;
         }
+        stream->checkCompressed(buffer, static_cast<size_t>(n));
         // libarchive reads a block until its next call; the worker keeps
         // kBuffers - 1 blocks back untouched.
         stream->digests.submit(static_cast<size_t>(n));
@@ -141,11 +157,14 @@ struct PayloadStream {
 };
 
 // Reads the payload's entries from the current member of `outer`, checks
-// each and writes it with `disk`. The digests are compared after the whole
-// member went through, and a mismatch outranks any other failure, which a
-// damaged payload would explain. The member's sha256 goes to `sha256`.
+// each and writes it with `disk`, as long as the entries' sizes stay within
+// `allowance` (counted from each header before the entry is written). The
+// digests are compared after the whole member went through, and a mismatch
+// outranks any other failure, which a damaged payload would explain. The
+// member's sha256 goes to `sha256`.
 int streamPayload(archive* outer, const std::string& member, const Manifest& manifest,
-                  DiskWriter& disk, std::string& sha256, std::string& why) {
+                  std::uint64_t allowance, DiskWriter& disk, std::string& sha256,
+                  std::string& why) {
     auto stream = std::make_unique<PayloadStream>();
     stream->outer = outer;
     archive_io::ReadArchive inner(archive_read_new());
@@ -153,10 +172,12 @@ int streamPayload(archive* outer, const std::string& member, const Manifest& man
     // Only the two decompressors a payload may use: no external programs
     // are ever started for untrusted input.
     bool zstd = member == "package.tzst";
-    if (zstd)
+    if (zstd) {
         archive_read_support_filter_zstd(inner.get());
-    else
+    } else {
         archive_read_support_filter_gzip(inner.get());
+        stream->gzip = std::make_unique<GzipTrailerCheck>();
+    }
     archive_read_set_read_callback(inner.get(), &PayloadStream::read);
     archive_read_set_callback_data(inner.get(), stream.get());
 
@@ -166,6 +187,7 @@ int streamPayload(archive* outer, const std::string& member, const Manifest& man
         code = kFileUnreadable;
     }
     TreeChecker checker;
+    std::uint64_t spent = 0;
     while (code == kOk) {
         archive_entry* entry = nullptr;
         int r = archive_read_next_header(inner.get(), &entry);
@@ -177,18 +199,25 @@ int streamPayload(archive* outer, const std::string& member, const Manifest& man
             break;
         }
         std::optional<std::string> name = checker.check(entry, why);
-        if (!name)
+        spent += diskCost(entry);
+        if (!name) {
             code = kUnsafeEntry;
-        else if (!name->empty())
+        } else if (spent > allowance) {
+            why = member + " unpacks to more than the volume has room for";
+            code = kNoSpace;
+        } else if (!name->empty()) {
             code = disk.write(inner.get(), entry, *name, std::nullopt, nullptr, why);
+        }
     }
     // Hash what the payload reader left of the member.
     const void* block;
     size_t size;
     la_int64_t offset;
     int r;
-    while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK)
+    while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK) {
+        stream->checkCompressed(block, size);
         stream->digests.update(block, size);
+    }
     if (r != ARCHIVE_EOF) {
         why = "cannot read " + member + ": " + archive_io::errorText(outer);
         return kFileUnreadable;
@@ -199,6 +228,11 @@ int streamPayload(archive* outer, const std::string& member, const Manifest& man
         (!manifest.sha256.empty() && digests.sha256 != manifest.sha256)) {
         why = "checksum mismatch of " + member;
         return kChecksumMismatch;
+    }
+    // zstd checks its own frame checksums while decompressing.
+    if (code == kOk && stream->gzip && !stream->gzip->complete()) {
+        why = "damaged compressed data in " + member + " (gzip trailer)";
+        return kFileUnreadable;
     }
     return code;
 }
@@ -221,7 +255,8 @@ int unpackPass(int fd, const PackageFileHead& head, const UnpackTargets& targets
         if (kind == MemberKind::kPayload) {
             code = disk.open(targets.payload, reason);
             if (code == kOk)
-                code = streamPayload(reader, name, head.manifest, disk, record.sha256, reason);
+                code = streamPayload(reader, name, head.manifest, targets.spaceAllowance, disk,
+                                     record.sha256, reason);
             int closed = disk.close(&reason);
             if (code == kOk) code = closed;
         } else if (kind == MemberKind::kScript || kind == MemberKind::kConf) {

@@ -41,7 +41,9 @@ UniqueFd openLog(const std::string& name) {
     const fs::path path = layout::logFile(name);
     std::error_code ec;
     fs::create_directories(path.parent_path(), ec);
-    return UniqueFd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+    capPackageLog(name);
+    // Never through a link planted at the log's place.
+    return openRegularFile(path, O_WRONLY | O_APPEND | O_CREAT);
 }
 
 // The script's working directory: the one asked for, else the package's
@@ -100,6 +102,7 @@ ScriptOutcome runScript(const ScriptRun& run) {
 
     std::optional<int> status =
         child->wait(std::chrono::seconds(std::max(timeout, 0)), readEnd.get(), &outcome.output);
+    capPackageLog(run.packageName);
     if (!status) {
         child->killGroup();
         outcome.timedOut = true;

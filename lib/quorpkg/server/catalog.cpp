@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 namespace quor {
 namespace {
 
-constexpr uint64_t kMaxCatalogBytes = 256ull << 20;
 constexpr uint64_t kMaxHashBytes = 4096;
 constexpr uint64_t kMaxSignatureBytes = 4096;
 // What the upgrade commands write into a hash file to force a fresh load.
@@ -141,12 +140,12 @@ int checkFetchedCatalog(const Source& source, const std::string& name, const std
 }
 
 int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad& how,
-                long ttlSeconds, Catalog& out, std::string* error) {
+                const Settings& settings, Catalog& out, std::string* error) {
     out.source = source;
     const CacheFiles files{layout::listDir() / source.cacheFileName("list", lang),
                            layout::listDir() / source.cacheFileName("hash", lang)};
     const Remembered remembered = readRemembered(files.hash);
-    if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, ttlSeconds) &&
+    if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, settings.catalog_ttl) &&
         readKeptCatalog(files.list, out.packages, how.parse))
         return kOk;
 
@@ -165,8 +164,10 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     }
 
     std::string text, name, key;
-    code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, kMaxCatalogBytes, text,
-                      error, &name);
+    // A catalog beyond the setting is refused rather than held in memory.
+    const uint64_t maxBytes = uint64_t(settings.catalog_max_mib) << 20;
+    code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, maxBytes, text, error,
+                      &name);
     if (code == kNoSuchPackage && error) *error = "the server has no catalog: " + *error;
     if (code != kOk) return kServerUnreachable;
     if (checkFetchedCatalog(source, name, text, key, error) != kOk) return kServerUnreachable;
@@ -190,7 +191,13 @@ bool parseCatalog(const std::string& text, Json::Value& packages, std::string* e
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     std::string why;
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &why)) {
+    bool parsed = false;
+    try {
+        parsed = reader->parse(text.data(), text.data() + text.size(), &root, &why);
+    } catch (const Json::Exception& e) {
+        why = e.what();  // nested deeper than the reader's stack limit
+    }
+    if (!parsed) {
         if (error) *error = "the catalog is not JSON: " + why;
         return false;
     }
@@ -217,10 +224,10 @@ int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>&
     std::vector<Source> sources;
     int code = readSources(sources, error);
     if (code != kOk) return code;
-    const long ttl = loadSettings().catalog_ttl;
+    const Settings settings = loadSettings();
     for (const Source& source : sources) {
         Catalog catalog;
-        code = loadCatalog(source, language, how, ttl, catalog, error);
+        code = loadCatalog(source, language, how, settings, catalog, error);
         if (code != kOk) {
             out.clear();
             return code;

@@ -81,7 +81,8 @@ bool entryFlag(const Json::Value& entry, const char* key) {
     if (!entry.isObject()) return false;
     const Json::Value& value = entry[key];
     if (value.isBool()) return value.asBool();
-    if (value.isIntegral()) return value.asInt64() != 0;
+    // Beyond the int64 range asInt64 throws: a flag of 2^64 - 1 is still set.
+    if (value.isIntegral()) return value.isUInt64() ? value.asUInt64() != 0 : value.asInt64() != 0;
     if (value.isString()) {
         const std::string text = value.asString();
         return text == "yes" || text == "true" || text == "1";

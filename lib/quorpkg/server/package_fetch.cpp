@@ -39,7 +39,11 @@ int fetchPackage(const PackageDownload& download, const fs::path& dir, const Pro
     if (download.size == 0 || have != download.size) {
         FetchResult result = downloadFile(download.link, part, download.size, progress);
         if (!result.ok()) {
-            if (!result.resumable) fs::remove(part, ec);
+            // Only bytes that a later try can continue are worth keeping:
+            // a transfer that never started (refused, redirected in circles)
+            // leaves an empty part, removed like a useless one.
+            const bool started = fs::file_size(part, ec) > 0 && !ec;
+            if (!result.resumable || !started) fs::remove(part, ec);
             return failWith(result.noClient ? kServerUnreachable : kDownloadFailed, error,
                             download.link + ": " + result.error);
         }

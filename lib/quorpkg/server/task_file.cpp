@@ -64,20 +64,20 @@ bool writeTask(const Task& task) {
 }
 
 std::optional<Task> readTask(const std::string& name) {
-    std::optional<std::string> text = readFile(layout::taskFile(name));
+    std::optional<std::string> text = readRegularFile(layout::taskFile(name));
     if (!text) return std::nullopt;
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
-    if (!reader->parse(text->data(), text->data() + text->size(), &root, nullptr) ||
-        !root.isObject())
-        return std::nullopt;
     Task task;
     task.name = name;
     try {
+        if (!reader->parse(text->data(), text->data() + text->size(), &root, nullptr) ||
+            !root.isObject())
+            return std::nullopt;
         readFields(root, task);
     } catch (const Json::Exception&) {
-        return std::nullopt;  // a member of the wrong type
+        return std::nullopt;  // nested too deep, or a member of the wrong type
     }
     return task;
 }
@@ -90,7 +90,7 @@ std::optional<TaskLock> TaskLock::acquire() {
     const fs::path file = layout::taskFile("lock").parent_path() / ".lock";
     std::error_code ec;
     fs::create_directories(file.parent_path(), ec);
-    UniqueFd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    UniqueFd fd = openRegularFile(file, O_RDWR | O_CREAT);
     if (!fd) return std::nullopt;
     int rc;
     while ((rc = ::flock(fd.get(), LOCK_EX)) != 0 && errno == EINTR) {

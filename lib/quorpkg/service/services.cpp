@@ -40,6 +40,17 @@ int loadInstalled(const std::string& name, Manifest& manifest) {
                : kOk;
 }
 
+// What a status script's exit code says. 0 runs, 150 is broken, and codes
+// below 100 are the script's own stopped answers (3, or the LSB codes 1-4).
+// The platform's result codes live from 100 up (255 is "not installed"): a
+// script's 255 or 102 must not pass for them, so any other code from 100 up
+// reads as 4, LSB's "status unknown".
+int statusAnswer(int exitCode) {
+    constexpr int kStatusUnknown = 4;
+    if (exitCode == kOk || exitCode == kBroken || (exitCode > 0 && exitCode < 100)) return exitCode;
+    return kStatusUnknown;
+}
+
 ScriptRun scriptRun(const std::string& version, const ServiceRequest& request) {
     ScriptRun run;
     run.packageVersion = version;
@@ -243,7 +254,7 @@ int packageStatus(const std::string& name, const StatusQuery& query) {
     run.lockHeld = false;
     ScriptOutcome outcome = runScript(run);
     if (!outcome.launched) return refuse(kBroken, name + ": the status script cannot be run");
-    code = outcome.timedOut ? kScriptTimeout : outcome.exitCode;
+    code = outcome.timedOut ? kScriptTimeout : statusAnswer(outcome.exitCode);
     if (code == kOk || code == kBroken) return code;
     return query.reportActive && active ? kStoppedButActive : code;
 }

@@ -177,6 +177,7 @@ static void recover(const Change& change) {
 }
 
 void recoverUnfinishedChange() {
+    removeJournalLeftovers();
     for (const std::string& name : pendingJournals()) {
         Change change;
         if (readJournal(name, change)) {

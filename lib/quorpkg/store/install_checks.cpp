@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <set>
 #include <system_error>
 
@@ -85,6 +86,16 @@ int checkSpace(const fs::path& volume, const fs::path& file) {
     if (freeBytes(volume) >= size) return kOk;
     return refuse(kNoSpace, volume.string() + " has " + std::to_string(freeBytes(volume)) +
                                 " bytes free, " + file.string() + " is " + std::to_string(size));
+}
+
+std::uint64_t unpackAllowance(const fs::path& volume) {
+    constexpr std::uint64_t kMaxReserve = 64ull << 20;
+    struct statvfs info {};
+    if (::statvfs(volume.c_str(), &info) != 0) return 0;
+    const std::uint64_t size = std::uint64_t(info.f_blocks) * info.f_frsize;
+    const std::uint64_t free = std::uint64_t(info.f_bavail) * info.f_frsize;
+    const std::uint64_t reserve = std::min(size / 20, kMaxReserve);
+    return free > reserve ? free - reserve : 0;
 }
 
 int chooseVolume(const std::string& name, const fs::path& requested, fs::path& out) {

@@ -115,10 +115,11 @@ private:
         fs::remove_all(paths_.appNew, ec);
         // A payload that no installed package owns is a leftover.
         if (!upgrade()) fs::remove_all(paths_.app, ec);
+        UnpackTargets targets{paths_.appNew, paths_.packageNew / "scripts",
+                              paths_.packageNew / "conf"};
+        targets.spaceAllowance = unpackAllowance(change_.volume);
         std::string why;
-        int code = unpackPackage(
-            request_.file, head_,
-            {paths_.appNew, paths_.packageNew / "scripts", paths_.packageNew / "conf"}, &why);
+        int code = unpackPackage(request_.file, head_, targets, &why);
         if (code == kSignatureRefused)
             logPackageEvent(name(), "refused: " + request_.file.string() + ": " + why);
         if (code != kOk) return code;

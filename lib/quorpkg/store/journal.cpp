@@ -58,8 +58,26 @@ std::vector<std::string> pendingJournals() {
     return names;
 }
 
+bool anyJournalEntry() {
+    std::error_code ec;
+    return fs::directory_iterator(layout::journalDir(), ec) != fs::directory_iterator();
+}
+
+void removeJournalLeftovers() {
+    std::error_code ec;
+    bool removed = false;
+    for (fs::directory_iterator it(layout::journalDir(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+        if (it->path().filename().string().front() != '.') continue;
+        std::error_code ignored;
+        removed |= fs::remove_all(it->path(), ignored) > 0;
+    }
+    if (removed) syncDirectory(layout::journalDir());
+}
+
 bool readJournal(const std::string& name, Change& out) {
-    std::optional<std::string> text = readFile(journalFile(name));
+    // A link is not a journal we wrote.
+    std::optional<std::string> text = readRegularFile(journalFile(name));
     if (!text) return false;
     std::optional<KeyValues> pairs = parseKeyValues(*text);
     if (!pairs) return false;

@@ -39,6 +39,13 @@ ChangePaths changePaths(const Change& change);
 // The packages with a journal, in byte order.
 std::vector<std::string> pendingJournals();
 
+// Whether the journal folder holds anything: a journal or a leftover.
+bool anyJournalEntry();
+
+// Removes what a kill left of interrupted journal writes (temporary names
+// start with '.'). Only for the holder of the store lock.
+void removeJournalLeftovers();
+
 // True and the change when the package has a journal; false when not.
 bool readJournal(const std::string& name, Change& out);
 // Written atomically and flushed: once this returns the step is on disk.

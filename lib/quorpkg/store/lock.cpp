@@ -30,7 +30,8 @@ bool inheritedFromParent() {
 UniqueFd openLockFile() {
     std::error_code ec;
     std::filesystem::create_directories(layout::lockFile().parent_path(), ec);
-    return UniqueFd(::open(layout::lockFile().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    // Never through a link: the holder truncates the file it opens.
+    return openRegularFile(layout::lockFile(), O_RDWR | O_CREAT);
 }
 
 // Records the holder; the file keeps its inode so other waiters' flock

@@ -1,0 +1,176 @@
+// Resuming downloads against a web server that honours range requests:
+// nginx, started on 127.0.0.1 with a configuration, pid and logs of its own
+// in a temporary folder. Skipped where nginx is not installed.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "base/file_util.h"
+#include "base/layout.h"
+#include "base/result.h"
+#include "pkg_server.h"
+#include "quorpkg/service/services.h"
+#include "quorpkg/store/installer.h"
+#include "server_fixture.h"
+
+namespace quor::test {
+namespace {
+
+std::string findNginx() {
+    for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
+        if (::access(candidate, X_OK) == 0) return candidate;
+    return {};
+}
+
+// A port the kernel has just handed out and that is free again.
+int freePort() {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    int port = 0;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+        port = ntohs(address.sin_port);
+    ::close(fd);
+    return port;
+}
+
+bool accepts(int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return connected;
+}
+
+// nginx in the foreground, one process, serving `dir`; everything it writes
+// stays in a temporary folder. Stopped and reaped with the object.
+class Nginx {
+public:
+    Nginx(const std::string& binary, const fs::path& dir) : port_(freePort()) {
+        const fs::path home = home_.path();
+        fs::create_directories(home / "temp");
+        std::string temps;
+        for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+            temps +=
+                std::string("  ") + kind + "_temp_path " + (home / "temp" / kind).string() + ";\n";
+        writeText(home / "nginx.conf",
+                  "daemon off;\nmaster_process off;\nworker_processes 1;\n"
+                  "pid " +
+                      (home / "nginx.pid").string() +
+                      ";\n"
+                      "error_log " +
+                      (home / "error.log").string() +
+                      ";\n"
+                      "events { worker_connections 64; }\n"
+                      "http {\n  access_log " +
+                      accessLog().string() + ";\n" + temps + "  server { listen 127.0.0.1:" +
+                      std::to_string(port_) + "; root " + dir.string() + "; }\n}\n");
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::execl(binary.c_str(), binary.c_str(), "-p", home.c_str(), "-e",
+                    (home / "error.log").c_str(), "-c", (home / "nginx.conf").c_str(), nullptr);
+            ::_exit(127);
+        }
+        for (int i = 0; i < 200 && !accepts(port_); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ~Nginx() {
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    Nginx(const Nginx&) = delete;
+    Nginx& operator=(const Nginx&) = delete;
+
+    bool running() const { return accepts(port_); }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+    fs::path accessLog() const { return home_.path() / "access.log"; }
+    // The HTTP status of every request so far, in order.
+    std::vector<int> statuses() const {
+        std::vector<int> out;
+        const std::string log = readFile(accessLog()).value_or("");
+        for (size_t at = 0; (at = log.find("HTTP/1.1\" ", at)) != std::string::npos; at += 10)
+            out.push_back(std::stoi(log.substr(at + 10, 3)));
+        return out;
+    }
+
+private:
+    TempDir home_;
+    int port_;
+    pid_t pid_ = -1;
+};
+
+using ServerRange = ServerTest;
+
+TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
+    const std::string nginx = findNginx();
+    if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
+    PackageSource source = packageSource("big");
+    std::string noise;
+    for (unsigned i = 3; noise.size() < 300000; i = i * 1103515245u + 12345u)
+        noise += char(i >> 16);
+    source.files["share/noise"] = noise;
+    const fs::path file = publish(source);
+    index();
+    Nginx web(nginx, repo);
+    ASSERT_TRUE(web.running())
+        << readFile(web.accessLog().parent_path() / "error.log").value_or("");
+    writeText(layout::sourcesFile(), "quorserver " + web.url() + "\n");
+
+    const std::string bytes = readFile(file).value();
+    Json::Value entry;
+    ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("big", entry, true, "enu", false));
+    const fs::path part =
+        layout::volumeTmpDir(volume1) / ("big-" + entry["md5"].asString() + ".zpk.part");
+    auto transfers = [&] {
+        std::vector<int> files;
+        for (int status : web.statuses())
+            if (status != 304) files.push_back(status);
+        return files;
+    };
+
+    // The right first half: only the rest travels, as a partial answer.
+    writeText(part, bytes.substr(0, bytes.size() / 2));
+    Task task = installFromServer("big", "volume1");
+    ASSERT_EQ(task.state, "done") << task.message;
+    EXPECT_EQ(transfers().back(), 206);
+    EXPECT_TRUE(staged(volume1).empty());
+
+    // A wrong first half is continued too, then fails the checksum and is
+    // dropped; the next try fetches the whole file.
+    ASSERT_EQ(removePackages({"big"}, serviceHooks()), kOk);
+    writeText(part, std::string(bytes.size() / 2, 'x'));
+    task = installFromServer("big", "volume1");
+    EXPECT_EQ(task.code, kChecksumMismatch);
+    EXPECT_FALSE(fs::exists(part));
+    task = installFromServer("big", "volume1");
+    ASSERT_EQ(task.state, "done") << task.message;
+    EXPECT_EQ(transfers().back(), 200);
+
+    // A part longer than the file cannot be continued (416): it starts over.
+    ASSERT_EQ(removePackages({"big"}, serviceHooks()), kOk);
+    writeText(part, bytes + "more");
+    const size_t before = transfers().size();
+    task = installFromServer("big", "volume1");
+    ASSERT_EQ(task.state, "done") << task.message;
+    const std::vector<int> all = transfers();
+    const std::vector<int> last(all.begin() + static_cast<long>(before), all.end());
+    EXPECT_NE(std::find(last.begin(), last.end(), 416), last.end());
+    EXPECT_EQ(last.back(), 200);
+    EXPECT_TRUE(staged(volume1).empty());
+}
+
+}  // namespace
+}  // namespace quor::test
