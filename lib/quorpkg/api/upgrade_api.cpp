@@ -78,7 +78,11 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
     const bool refreshOnly = out == nullptr && policy == "none";
     std::vector<quor::Catalog> catalogs;
     std::string error;
-    int code = quor::loadCatalogs({fresh, !refreshOnly}, lang, catalogs, &error);
+    // Only the installed packages' entries matter.
+    const std::vector<std::string> installed = quor::installedPackages();
+    quor::CatalogLoad load{fresh, !refreshOnly};
+    load.names = &installed;
+    int code = quor::loadCatalogs(load, lang, catalogs, &error);
     if (code != quor::kOk) {
         syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
         return quor::fail(code);
@@ -109,7 +113,10 @@ bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
     if (name == nullptr || !quor::isValidPackageName(name)) return quor::fail(quor::kBadArgument);
     if (!quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage);
     std::vector<quor::Catalog> catalogs;
-    int code = quor::loadCatalogs(fresh, lang, catalogs);
+    const std::vector<std::string> names = {name};
+    quor::CatalogLoad load{fresh, true};
+    load.names = &names;
+    int code = quor::loadCatalogs(load, lang, catalogs);
     if (code != quor::kOk) return quor::fail(code);
     const quor::Offers offers(catalogs);
     if (offers.all(name).empty()) return quor::fail(quor::kNotOnServer);
