@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <ctime>
 #include <mutex>
 #include <optional>
 
@@ -94,18 +95,22 @@ void writeIndexFile(const InstalledIndex& index) {
     writeFileAtomic(indexFile(), formatIndex(index));
 }
 
-std::string storeTime() {
-    struct stat st {};
-    if (::stat(layout::packagesDir().c_str(), &st) != 0) return {};
-    return std::to_string(st.st_ino) + ":" + std::to_string(st.st_mtim.tv_sec) + "." +
-           std::to_string(st.st_mtim.tv_nsec);
+// How long the packages of a listing answer lookups without looking at the
+// store again: a caller that lists and then asks about every listed package
+// gets them as listed, one that comes back later reads the store again.
+constexpr long kListingLifeMs = 1000;
+
+long nowMs() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-// The last listing of this process, and the time of /var/packages then.
+// The last listing of this process and when it was made.
 struct Cache {
     std::mutex mutex;
     std::shared_ptr<const InstalledIndex> index;
-    std::string storeTime;
+    long madeMs = 0;
 };
 
 Cache& cache() {
@@ -191,7 +196,7 @@ bool parseIndex(std::string_view text, InstalledIndex& out) {
 }
 
 std::shared_ptr<const InstalledIndex> loadInstalledIndex() {
-    const std::string time = storeTime();
+    const long startMs = nowMs();
     timespec written{};
     InstalledIndex stored = readIndexFile(written);
     auto current = std::make_shared<InstalledIndex>();
@@ -211,14 +216,14 @@ std::shared_ptr<const InstalledIndex> loadInstalledIndex() {
     if (stale || stored.packages.size() != names.size()) writeIndexFile(*current);
     std::lock_guard guard(cache().mutex);
     cache().index = current;
-    cache().storeTime = time;
+    cache().madeMs = startMs;
     return current;
 }
 
 std::shared_ptr<const InstalledIndex> currentInstalledIndex() {
-    const std::string time = storeTime();
+    const long now = nowMs();
     std::lock_guard guard(cache().mutex);
-    if (time.empty() || time != cache().storeTime) return nullptr;
+    if (!cache().index || now - cache().madeMs > kListingLifeMs) return nullptr;
     return cache().index;
 }
 

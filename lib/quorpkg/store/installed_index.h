@@ -47,8 +47,9 @@ int indexedInfo(const IndexedPackage& package, QUORPackageTool::PackageInfo& out
 // currentInstalledIndex().
 std::shared_ptr<const InstalledIndex> loadInstalledIndex();
 
-// The result of the last loadInstalledIndex, while /var/packages has not
-// changed since and no change of this process has; else nothing.
+// The result of the last loadInstalledIndex for a second after it was
+// made, unless this process changed the store since; else nothing. A listing
+// is a snapshot: what changes while it is being printed shows next time.
 std::shared_ptr<const InstalledIndex> currentInstalledIndex();
 
 // After the change of `name` is in place or undone, before its journal is
