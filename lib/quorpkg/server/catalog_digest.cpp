@@ -68,12 +68,9 @@ bool rangesOf(std::string_view body, const std::vector<std::string>& names,
     return true;
 }
 
-bool parseEntry(std::string_view text, Json::Value& out) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+bool parseEntry(Json::CharReader& reader, std::string_view text, Json::Value& out) {
     try {
-        return reader->parse(text.data(), text.data() + text.size(), &out, nullptr) &&
+        return reader.parse(text.data(), text.data() + text.size(), &out, nullptr) &&
                out.isObject();
     } catch (const std::exception&) {
         return false;
@@ -122,6 +119,9 @@ bool readDigestedEntries(const fs::path& list, const std::string& hash,
 
     UniqueFd fd(::open(list.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return false;
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value found(Json::arrayValue);
     std::string text;
     for (const Range& range : ranges) {
@@ -131,7 +131,8 @@ bool readDigestedEntries(const fs::path& list, const std::string& hash,
             return false;
         Json::Value entry;
         // A range that does not hold the entry it names: not this catalog's.
-        if (!parseEntry(text, entry) || entryText(entry, "package") != range.name) return false;
+        if (!parseEntry(*reader, text, entry) || entryText(entry, "package") != range.name)
+            return false;
         found.append(std::move(entry));
     }
     packages.swap(found);
