@@ -98,7 +98,7 @@ void writeIndexFile(const InstalledIndex& index) {
 // How long the packages of a listing answer lookups without looking at the
 // store again: a caller that lists and then asks about every listed package
 // gets them as listed, one that comes back later reads the store again.
-constexpr long kListingLifeMs = 1000;
+constexpr long kListingLifeMs = 5000;
 
 long nowMs() {
     timespec now{};

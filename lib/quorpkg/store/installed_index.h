@@ -47,7 +47,7 @@ int indexedInfo(const IndexedPackage& package, QUORPackageTool::PackageInfo& out
 // currentInstalledIndex().
 std::shared_ptr<const InstalledIndex> loadInstalledIndex();
 
-// The result of the last loadInstalledIndex for a second after it was
+// The result of the last loadInstalledIndex for five seconds after it was
 // made, unless this process changed the store since; else nothing. A listing
 // is a snapshot: what changes while it is being printed shows next time.
 std::shared_ptr<const InstalledIndex> currentInstalledIndex();
