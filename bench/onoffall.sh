@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Service benchmarks, each a ratio measured side by side in one run:
 #   onoffall start of 40 packages (dependency depth 4, each start 0.2 s)
-#       with parallel_jobs at its default (the number of processors) vs 1
+#       with parallel_jobs at its default (the dependency graph's width) vs 1
 #   onoffall stop of the same 40 packages, default vs 1
 #   quorpkg status of a running package vs running its status script alone
 #   quorpkg status vs quorpkg is_onoff (a query that runs no script)

@@ -1,43 +1,36 @@
 #!/usr/bin/env bash
 # Package-server benchmarks, each a ratio measured side by side in one run:
-#   checkupdateall on a cached catalog of 10,000 entries, 1,000 installed
+#   checkupdateall on a kept catalog of 10,000 entries, 1,000 installed
 #     vs list over the same 1,000 installed packages (what reading them costs)
+#   the same with a kept catalog of 100,000 entries
 #   chkupgradepkg whose server hash is unchanged (no catalog download)
 #     vs chkupgradepkg that downloads the 10,000-entry catalog
-# The server is python3's http.server on 127.0.0.1. Writes its section of
-# bench/RESULTS.md. Needs hyperfine and a build in build/.
+# and the peak RSS of checkupdateall at 100,000 entries beside the catalog's
+# size. The server is python3's http.server on 127.0.0.1. Writes its section
+# of bench/RESULTS.md.
 #
-#   bench/server.sh [WORK_DIR]
+#   QUORPKG=build-rel/quorpkg ZPK=build-rel/tools/zpk [BASELINE=old/quorpkg] bench/server.sh [WORK_DIR]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/../scripts/common.sh"
 bench_setup "${1:-$here/work/server}"
-quorpkg=$QUORPKG zpk=$ZPK
-mkdir -p "$work/repo" "$work/zpk"
+source "$here/helpers.sh"
 trap stop_http_server EXIT
 
-echo "== building and installing 1,000 packages"
-export QUOR_ROOT=$work/device
-mkdir -p "$QUOR_ROOT/volume1" "$QUOR_ROOT/etc/quorpkg"
-for i in $(seq -w 1 1000); do
-  src=$work/src/pkg$i
-  mkdir -p "$src/package"
-  printf 'package="pkg%s"\nversion="1.0.%s"\ndescription="bench package %s"\n' "$i" "$i" "$i" \
-    > "$src/INFO"
-  echo "pkg$i" > "$src/package/README"
-  "$zpk" build "$src" -o "$work/zpk/pkg$i.zpk" >/dev/null
-  "$quorpkg" install "$work/zpk/pkg$i.zpk" >/dev/null
-done
+echo "== installing 1,000 packages"
+install_packages "$work/device" 1 1000
 
-echo "== a catalog of 10,000 entries: the 1,000 installed (every tenth newer) and 9,000 others"
-python3 - "$work/repo" <<'PY'
+# make_catalog DIR COUNT: the 1,000 installed (every tenth newer) and others.
+make_catalog() {
+  mkdir -p "$1"
+  python3 - "$1" "$2" <<'PY'
 import hashlib, json, sys
-repo = sys.argv[1]
+repo, count = sys.argv[1], int(sys.argv[2])
 entries = []
-for i in range(1, 10001):
+for i in range(1, count + 1):
     installed = i <= 1000
-    name = f"pkg{i:04d}" if installed else f"other{i:05d}"
-    version = f"1.{1 if installed and i % 10 == 0 else 0}.{i:04d}" if installed else "2.0"
+    name = f"pkg{i:05d}" if installed else f"other{i:06d}"
+    version = (f"1.0.{i}.1" if i % 10 == 0 else f"1.0.{i}") if installed else "2.0"
     entries.append({"package": name, "version": version, "dname": name.title(),
                     "desc": f"bench package {name}", "type": 0, "size": 10240,
                     "link": f"{name}.zpk", "md5": hashlib.md5(name.encode()).hexdigest(),
@@ -50,23 +43,44 @@ with open(f"{repo}/catalog.json", "w") as out:
 with open(f"{repo}/catalog.hash", "w") as out:
     out.write(digest + "\n")
 PY
-ls -l "$work/repo"
+}
+echo "== catalogs of 10,000 and 100,000 entries"
+make_catalog "$work/repo10k" 10000
+make_catalog "$work/repo100k" 100000
+ls -l "$work"/repo*/catalog.json
 
-start_http_server "$work/repo" "$work/http.log"
-echo "quorserver http://127.0.0.1:$port/" > "$QUOR_ROOT/etc/quorpkg/sources"
+start_http_server "$work" "$work/http.log"
+for size in 10k 100k; do
+  rm -rf "$work/dev$size"
+  cp -a "$work/device" "$work/dev$size"
+  mkdir -p "$work/dev$size/etc/quorpkg"
+  echo "quorserver http://127.0.0.1:$port/repo$size/" > "$work/dev$size/etc/quorpkg/sources"
+  QUOR_ROOT=$work/dev$size "$QUORPKG" chkupgradepkg enu >/dev/null
+done
+cd "$work"
+# Absolute roots, as on a device (a relative one is normalised per lookup).
+q() { echo "env QUOR_ROOT=$work/$1 $QUORPKG $2"; }
 
-echo "== checkupdateall on the cached catalog"
-"$quorpkg" checkupdateall | python3 -c 'import json,sys; print(len(json.load(sys.stdin)), "upgrades offered")'
-hyperfine -N --warmup 3 --export-json "$results/checkupdateall-cached-vs-list.json" \
-  "$quorpkg checkupdateall" "$quorpkg list"
+echo "== checkupdateall on the kept catalogs"
+for size in 10k 100k; do
+  QUOR_ROOT=$work/dev$size "$QUORPKG" checkupdateall |
+    python3 -c 'import json,sys; print(len(json.load(sys.stdin)), "upgrades offered")'
+  [ -z "${BASELINE:-}" ] || cmp <(QUOR_ROOT=$work/dev$size "$QUORPKG" checkupdateall) \
+    <(QUOR_ROOT=$work/dev$size "$BASELINE" checkupdateall)
+  hyperfine_pair "checkupdateall-$size-vs-list" -N --warmup 3 --runs 30 -- \
+    "$(q dev$size checkupdateall)" "$(q dev$size list)"
+done
+peak_rss "checkupdateall, kept catalog of 100,000 entries ($(( $(stat -c %s repo100k/catalog.json) / 1024 / 1024 )) MB file)" \
+  env QUOR_ROOT=$work/dev100k "$QUORPKG" checkupdateall
+[ -z "${BASELINE:-}" ] || peak_rss "the same, baseline binary" env QUOR_ROOT=$work/dev100k "$BASELINE" checkupdateall
 
 echo "== a fresh check: hash unchanged against a catalog download"
-hashfile=$QUOR_ROOT/var/cache/quorpkg/list/quorserver.hash.enu
-cp "$hashfile" "$work/hash.current"
-sed 's/^hash=.*/hash="temphash"/' "$hashfile" > "$work/hash.reset"
+hashfile=dev10k/var/cache/quorpkg/list/quorserver.hash.enu
+cp "$hashfile" hash.current
+sed 's/^hash=.*/hash="temphash"/' "$hashfile" > hash.reset
 hyperfine -N --warmup 3 --export-json "$results/fresh-unchanged-vs-download.json" \
-  --prepare "cp $work/hash.current $hashfile" "$quorpkg chkupgradepkg" \
-  --prepare "cp $work/hash.reset $hashfile" "$quorpkg chkupgradepkg enu"
+  --prepare "cp hash.current $hashfile" "$(q dev10k chkupgradepkg)" \
+  --prepare "cp hash.reset $hashfile" "$(q dev10k "chkupgradepkg enu")"
 
-python3 "$here/record.py" "Package server" "$results" \
-  checkupdateall-cached-vs-list.json fresh-unchanged-vs-download.json
+python3 "$here/record.py" "Package server" "$results" checkupdateall-10k-vs-list.json \
+  checkupdateall-100k-vs-list.json fresh-unchanged-vs-download.json

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Package-store benchmarks, each a ratio measured side by side in one run:
-#   list over 1,000 installed packages     vs dpkg-query -W over 1,000 packages
-#   query of a 1 MB package                vs query of a 1 GB package
-#   install of a 200 MB payload (gzip/zstd) vs tar -x of the same payload
-#   sort_zpk_by_dep_order over 1,000 files vs tar -xOf of their manifests
-# Writes its section of bench/RESULTS.md. Needs hyperfine and a build in build/.
+#   query of a 1 MB package                 vs query of a 1 GB package
+#   install of a 120 MB payload of real files (shared libraries and
+#     documentation from this machine), zstd and gzip, vs tar -x of it
+#   sort_zpk_by_dep_order over 1,000 files  vs tar -xOf of their manifests
+# (list is in bench/list.sh). Writes its section of bench/RESULTS.md.
 #
-#   bench/store.sh [WORK_DIR]
+#   QUORPKG=build-rel/quorpkg ZPK=build-rel/tools/zpk [BASELINE=old/quorpkg] bench/store.sh [WORK_DIR]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/../scripts/common.sh"
@@ -30,22 +30,6 @@ for i in $(seq -w 1 1000); do
   "$zpk" build "$work/src/pkg$i" -o "$work/zpk/pkg$i.zpk" >/dev/null
 done
 
-echo "== installing them into a device"
-export QUOR_ROOT=$work/device
-mkdir -p "$QUOR_ROOT/volume1"
-for f in $("$quorpkg" sort_zpk_by_dep_order "$work"/zpk/*.zpk); do "$quorpkg" install "$f" >/dev/null; done
-
-echo "== a dpkg database of 1,000 packages"
-admin=$work/dpkg
-mkdir -p "$admin/info" "$admin/updates"
-: > "$admin/available"
-for i in $(seq -w 1 1000); do
-  printf 'Package: pkg%s\nStatus: install ok installed\nPriority: optional\nSection: misc\nMaintainer: bench\nArchitecture: all\nVersion: 1.0.%s\nDescription: bench package pkg%s\n\n' "$i" "$i" "$i"
-done > "$admin/status"
-
-hyperfine -N --warmup 3 --export-json "$results/list.json" \
-  "$quorpkg list" "dpkg-query --admindir=$admin -W"
-
 echo "== query: 1 MB against 1 GB"
 for size in 1 1024; do
   make_source "$work/src/big$size" "big$size" "1.0"
@@ -55,14 +39,34 @@ done
 hyperfine -N --warmup 3 --export-json "$results/query.json" \
   "$quorpkg query $work/big1.zpk" "$quorpkg query $work/big1024.zpk"
 
-echo "== install of a 200 MB payload against tar -x"
-mkdir -p "$work/src/payload/package/data"
-for i in $(seq 1 200); do head -c 1048576 /dev/urandom > "$work/src/payload/package/data/f$i"; done
+echo "== install of a 120 MB payload of real files against tar -x"
+mkdir -p "$work/src/payload/package"
+python3 - "$work/src/payload/package" <<'PY'
+import os, shutil, sys
+dest = sys.argv[1]
+for root, budget in (("/usr/lib/x86_64-linux-gnu", 100 << 20), ("/usr/share/doc", 20 << 20)):
+    total = 0
+    for dirpath, dirs, files in os.walk(root):
+        dirs.sort()
+        for name in sorted(files):
+            path = os.path.join(dirpath, name)
+            if os.path.islink(path) or not os.path.isfile(path):
+                continue
+            size = os.path.getsize(path)
+            if total + size > budget:
+                continue
+            target = os.path.join(dest, os.path.relpath(path, "/"))
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            shutil.copyfile(path, target)
+            total += size
+PY
+du -sh "$work/src/payload/package"
 printf 'package="payload"\nversion="1.0"\n' > "$work/src/payload/INFO"
 "$zpk" build "$work/src/payload" -o "$work/payload-gz.zpk" >/dev/null
 "$zpk" build "$work/src/payload" -o "$work/payload-zst.zpk" --zstd >/dev/null
 tar -C "$work/src/payload/package" -czf "$work/payload.tgz" .
 tar -C "$work/src/payload/package" --zstd -cf "$work/payload.tzst" .
+ls -l "$work"/payload*
 export QUOR_ROOT=$work/device2
 mkdir -p "$QUOR_ROOT/volume1" "$work/untar"
 for kind in gz zst; do
@@ -79,4 +83,4 @@ hyperfine --warmup 2 --export-json "$results/sort.json" \
   "for f in $work/zpk/*.zpk; do tar -xOf \$f INFO; done"
 
 python3 "$here/record.py" "Package store" "$results" \
-  list.json query.json install-gz.json install-zst.json sort.json
+  query.json install-gz.json install-zst.json sort.json

@@ -92,12 +92,14 @@ stop_http_server() {
 }
 
 # For benchmarks: the tools, hyperfine, and a fresh work folder $1 with a
-# results/ folder (sets work and results).
+# results/ folder (sets work and results). BENCH_REUSE=1 keeps the folder
+# of an earlier run, for the scripts that can reuse what it holds.
 bench_setup() {
   quor_tools
   command -v hyperfine >/dev/null || apt-get install -y -qq hyperfine
   work=$1
-  rm -rf "$work" && mkdir -p "$work"
+  [ "${BENCH_REUSE:-0}" = 1 ] || rm -rf "$work"
+  mkdir -p "$work"
   results=$work/results
-  mkdir -p "$results"
+  rm -rf "$results" && mkdir -p "$results"
 }

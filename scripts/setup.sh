@@ -4,6 +4,7 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config
   libboost-program-options-dev libboost-filesystem-dev libboost-system-dev
   libjsoncpp-dev libarchive-dev libcurl4-openssl-dev libssl-dev
+  libzstd-dev liblz4-dev libacl1-dev
   libgtest-dev libgmock-dev python3 zstd zlib1g-dev clang nginx-light
   man-db groff-base systemd dpkg-dev binutils)
 missing=()

@@ -12,6 +12,7 @@ namespace quor::layout {
 
 Path packagesDir() { return hostPath("/var/packages"); }
 Path packageDir(const std::string& name) { return packagesDir() / name; }
+Path manifestFile(const std::string& name) { return packageDir(name) / "INFO"; }
 Path enabledFlag(const std::string& name) { return packageDir(name) / "enabled"; }
 Path scriptsDir(const std::string& name) { return packageDir(name) / "scripts"; }
 Path targetLink(const std::string& name) { return packageDir(name) / "target"; }

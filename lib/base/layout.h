@@ -11,6 +11,7 @@ using Path = std::filesystem::path;
 
 Path packagesDir();                          // /var/packages
 Path packageDir(const std::string& name);    // /var/packages/<name>
+Path manifestFile(const std::string& name);  // .../INFO
 Path enabledFlag(const std::string& name);   // .../enabled
 Path scriptsDir(const std::string& name);    // .../scripts
 Path targetLink(const std::string& name);    // .../target -> /<volume>/@appstore/<name>

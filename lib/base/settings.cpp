@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <thread>
 
 #include "base/file_util.h"
 #include "base/key_value.h"
@@ -64,10 +63,9 @@ std::string effectiveArch(const Settings& settings) {
     return settings.arch.empty() ? machineArch() : settings.arch;
 }
 
-int effectiveParallelJobs(const Settings& settings) {
+int effectiveParallelJobs(const Settings& settings, int graphWidth) {
     if (settings.parallel_jobs > 0) return settings.parallel_jobs;
-    unsigned cores = std::thread::hardware_concurrency();
-    return cores == 0 ? 1 : static_cast<int>(cores);
+    return std::clamp(graphWidth, 1, kMaxDefaultJobs);
 }
 
 }  // namespace quor

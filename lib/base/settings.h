@@ -11,7 +11,7 @@ struct Settings {
     std::string auto_upgrade = "none";   // none, important or all
     int script_timeout = 120;            // seconds
     int lock_timeout = 60;               // seconds
-    int parallel_jobs = 0;               // 0 means the number of processors
+    int parallel_jobs = 0;               // 0: follow the dependency graph's width
     long catalog_ttl = 86400;            // seconds
     int catalog_max_mib = 64;            // largest catalog download, MiB
     std::string firmware_version = "7.0";
@@ -27,7 +27,10 @@ std::string machineArch();
 // The architecture packages must be built for: the setting, else the machine's.
 std::string effectiveArch(const Settings& settings);
 
-// The number of parallel jobs: the setting, else the number of processors.
-int effectiveParallelJobs(const Settings& settings);
+// The number of parallel jobs for a graph `graphWidth` wide: the setting,
+// else the width (at least 1, at most kMaxDefaultJobs). Package starts
+// mostly wait on sleeps and I/O, so processors are not the limit.
+constexpr int kMaxDefaultJobs = 32;
+int effectiveParallelJobs(const Settings& settings, int graphWidth);
 
 }  // namespace quor

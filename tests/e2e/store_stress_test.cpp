@@ -25,14 +25,17 @@ namespace {
 
 using Snapshot = std::map<std::string, std::string>;
 
-// Every file and link of the store with its content or target. Logs and
-// run-time state (the lock, active marks) are not part of it; empty
-// folders do not count.
+// Every file and link of the store with its content or target. Logs,
+// caches (the index of installed packages, which `list` checks against the
+// store) and run-time state (the lock, active marks) are not part of it;
+// empty folders do not count.
 Snapshot snapshot(const fs::path& root) {
     Snapshot out;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         const std::string relative = entry.path().lexically_relative(root).string();
-        if (relative.rfind("var/log/", 0) == 0 || relative.rfind("run/", 0) == 0) continue;
+        if (relative.rfind("var/log/", 0) == 0 || relative.rfind("var/cache/", 0) == 0 ||
+            relative.rfind("run/", 0) == 0)
+            continue;
         if (entry.is_symlink())
             out[relative] = "-> " + fs::read_symlink(entry.path()).string();
         else if (entry.is_regular_file())
@@ -85,14 +88,19 @@ protected:
     void SetUp() override {
         one = device.package(version("1.0"));
         two = device.package(version("2.0"));
-        // The whole states, made without interruption.
-        states.push_back(snapshot(device.root().path()));
+        // The whole states, made without interruption, and what list says.
+        remember();
         run({"install", one});
-        states.push_back(snapshot(device.root().path()));
+        remember();
         run({"install", two});
-        states.push_back(snapshot(device.root().path()));
+        remember();
         run({"uninstall", "demo"});
         ASSERT_EQ(snapshot(device.root().path()), states[0]);
+    }
+
+    void remember() {
+        states.push_back(snapshot(device.root().path()));
+        listings.push_back(device.quorpkg({"list"}).out);
     }
 
     // Runs a change to its end and remembers how long it took.
@@ -115,6 +123,7 @@ protected:
     Device device;
     std::string one, two;
     std::vector<Snapshot> states;
+    std::vector<std::string> listings;
     std::chrono::microseconds longest{0};
 };
 
@@ -145,9 +154,11 @@ TEST_F(StoreStress, AKillAtAnyMomentLeavesTheOldOrTheNewStore) {
         const fs::path journal = device.root().host("/var/packages/.journal");
         std::error_code ec;
         if (fs::exists(journal, ec) && !fs::is_empty(journal, ec)) ++interrupted;
-        ASSERT_EQ(device.quorpkg({"list"}).status, 0);
+        const RunResult listed = device.quorpkg({"list"});
+        ASSERT_EQ(listed.status, 0);
         const int now = stateNow();
         ASSERT_TRUE(now == state || now == next) << "a half-changed store, state " << now;
+        ASSERT_EQ(listed.out, listings[now]) << "list disagrees with the store";
         state = now;
     }
     std::cout << interrupted << " of " << kRounds << " kills interrupted a change\n";

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "base/settings.h"
 #include "pkg_manager.h"
 #include "quorpkg/service/parallel_order.h"
 #include "quorpkg/service/services.h"
@@ -114,6 +115,50 @@ TEST(ParallelOrder, KeepsOrderBoundsWorkersBlocksDependentsAndCatchesCycles) {
                                 return 0;
                             }),
                  std::runtime_error);
+}
+
+TEST(ParallelOrder, DefaultWorkersFollowTheWidestLevelOfTheGraph) {
+    // Levels: j0 j3 j4 and the cycle j6 j7 on 0; j1 j5 on 1; j2 on 2.
+    const std::vector<OrderedJob> mixed = {{"j0", {}}, {"j1", {0}}, {"j2", {1, 0}}, {"j3", {}},
+                                           {"j4", {}}, {"j5", {4}}, {"j6", {7}},    {"j7", {6}}};
+    EXPECT_EQ(dependencyWidth(mixed), 5u);
+    // Four levels of ten, each package needing two of the level below.
+    std::vector<OrderedJob> layered;
+    for (size_t level = 0; level < 4; ++level)
+        for (size_t i = 0; i < 10; ++i)
+            layered.push_back({"p", level == 0
+                                        ? std::vector<size_t>{}
+                                        : std::vector<size_t>{(level - 1) * 10 + i,
+                                                              (level - 1) * 10 + (i + 1) % 10}});
+    EXPECT_EQ(dependencyWidth(layered), 10u);
+    std::vector<OrderedJob> chain;
+    for (size_t i = 0; i < 50; ++i)
+        chain.push_back({"c", i == 0 ? std::vector<size_t>{} : std::vector<size_t>{i - 1}});
+    EXPECT_EQ(dependencyWidth(chain), 1u);
+    EXPECT_EQ(dependencyWidth({}), 0u);
+
+    Settings settings;
+    EXPECT_EQ(effectiveParallelJobs(settings, 10), 10);
+    EXPECT_EQ(effectiveParallelJobs(settings, 0), 1);
+    EXPECT_EQ(effectiveParallelJobs(settings, 500), kMaxDefaultJobs);
+    settings.parallel_jobs = 3;
+    EXPECT_EQ(effectiveParallelJobs(settings, 500), 3);
+}
+
+// Three independent packages whose starts each wait until all three have
+// begun: they only finish when the default runs them all at once.
+TEST_F(ServiceTest, ByDefaultIndependentPackagesAllStartAtOnce) {
+    const fs::path gate = root.path() / "gate";
+    const std::string wait = "mkdir -p '" + gate.string() + "'; touch '" + gate.string() +
+                             "'/$QUOR_PKG_NAME; n=0\n"
+                             "  while [ $(ls '" +
+                             gate.string() +
+                             "' | wc -l) -lt 3 ]; do\n"
+                             "    n=$((n+1)); [ $n -gt 300 ] && exit 1; sleep 0.05; done";
+    for (const char* name : {"p1", "p2", "p3"}) install(service(name, {}, wait), true);
+    PackageManager manager;
+    EXPECT_TRUE(manager.serviceControlOnOffALL(true, true, nullptr, nullptr));
+    EXPECT_EQ(traced("start").size(), 3u);
 }
 
 TEST_F(ServiceTest, FirmwareNotificationsAreAppendedAsJsonLinesInOrder) {

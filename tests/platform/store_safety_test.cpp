@@ -27,12 +27,16 @@ using Snapshot = std::map<std::string, std::string>;
 
 // Every file and link under the root with its content or target, relative
 // to the root so that two roots compare. Logs and the lock file are not
-// part of the store; empty folders do not count.
+// part of the store, nor is the index of installed packages (it records
+// file identities, which differ between roots; listedAsStored checks it);
+// empty folders do not count.
 Snapshot snapshot(const fs::path& root) {
     Snapshot out;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         const std::string relative = entry.path().lexically_relative(root).string();
-        if (relative == "run/quorpkg/lock" || relative.rfind("var/log/", 0) == 0) continue;
+        if (relative == "run/quorpkg/lock" || relative.rfind("var/log/", 0) == 0 ||
+            relative == "var/cache/quorpkg/installed")
+            continue;
         if (entry.is_symlink()) {
             out[relative] = "-> " + fs::read_symlink(entry.path()).string();
         } else if (entry.is_regular_file()) {
@@ -40,6 +44,25 @@ Snapshot snapshot(const fs::path& root) {
         }
     }
     return out;
+}
+
+// The listing through the manager (from the index where it is current)
+// names every installed package with the version in its INFO.
+void expectListedAsStored() {
+    QUORPackageTool::PackageManager manager;
+    std::vector<std::string> listed;
+    for (const std::string& name : manager.enumPackages(nullptr, ~0ULL)) {
+        QUORPackageTool::PackageInfo info;
+        if (manager.getPackageInfo(name, info, nullptr, ~0ULL))
+            listed.push_back(name + " " + info.version);
+    }
+    std::vector<std::string> stored;
+    for (const std::string& name : installedPackages()) {
+        Manifest manifest;
+        if (readInstalledManifest(name, manifest) == kOk)
+            stored.push_back(name + " " + manifest.version);
+    }
+    EXPECT_EQ(listed, stored);
 }
 
 // Runs `change` in a child process with QUOR_FAILPOINT set to `step`; true
@@ -94,9 +117,13 @@ protected:
             for (const std::string& step : *steps) {
                 Device device(setup);
                 ASSERT_TRUE(killedAt(step, change)) << step;
+                // Listed as stored even before recovery: the index may be
+                // out of step now.
+                expectListedAsStored();
                 QUORPackageTool::PackageManager manager;
                 ASSERT_TRUE(manager.init());
                 EXPECT_EQ(snapshot(device.root.path()), steps == &before ? old : done) << step;
+                expectListedAsStored();
             }
         }
     }
@@ -156,6 +183,7 @@ TEST_F(StoreSafety, KilledRollbackOfAFailedScriptStillEndsWithTheOldPackage) {
         QUORPackageTool::PackageManager manager;
         ASSERT_TRUE(manager.init());
         EXPECT_EQ(snapshot(device.root.path()), old) << upgrade;
+        expectListedAsStored();
     }
 }
 

@@ -13,6 +13,7 @@
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/dependencies.h"
+#include "quorpkg/store/installed_index.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/journal.h"
 #include "quorpkg/store/lock.h"
@@ -26,7 +27,15 @@ namespace {
 bool lookUp(const std::string& name, PackageInfo& out) {
     if (!quor::isValidPackageName(name))
         return quor::fail(quor::kBadArgument, "not a package name: \"" + name + "\"");
-    int code = quor::readInstalledRecord(name, out);
+    // Right after a listing (list asks for each listed package), the index
+    // it read answers while the store has not changed.
+    int code = quor::kNoSuchPackage;
+    if (auto index = quor::currentInstalledIndex()) {
+        if (const quor::IndexedPackage* package = index->find(name))
+            code = quor::indexedRecord(*package, out);
+    } else {
+        code = quor::readInstalledRecord(name, out);
+    }
     return code == quor::kOk || quor::fail(code);
 }
 
@@ -84,16 +93,16 @@ bool PackageManager::getInstallPackageInfo(const std::string& name, PackageInfo&
 }
 
 std::vector<std::string> PackageManager::enumPackages(const char*, unsigned long long) {
-    return quor::installedPackages();
+    return quor::loadInstalledIndex()->names();
 }
 
 bool PackageManager::enumPackageInfo(std::vector<PackageInfo>& out, const char*,
                                      unsigned long long) {
     out.clear();
-    for (const std::string& name : quor::installedPackages()) {
+    for (const quor::IndexedPackage& package : quor::loadInstalledIndex()->packages) {
         PackageInfo info;
         // A package whose manifest cannot be read has no record to give.
-        if (quor::readInstalledRecord(name, info) == quor::kOk) out.push_back(std::move(info));
+        if (quor::indexedRecord(package, info) == quor::kOk) out.push_back(std::move(info));
     }
     return true;
 }

@@ -97,4 +97,13 @@ int readInstalledRecord(const std::string& name, QUORPackageTool::PackageInfo& o
     return kOk;
 }
 
+int indexedRecord(const IndexedPackage& package, QUORPackageTool::PackageInfo& out) {
+    Manifest manifest;
+    if (int code = indexedManifest(package, manifest)) return code;
+    QUORPackageTool::PackageInfo info;
+    fillPackageInfo(manifest, package.scriptMask, info);
+    out = std::move(info);
+    return kOk;
+}
+
 }  // namespace quor

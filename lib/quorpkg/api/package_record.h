@@ -7,6 +7,7 @@
 
 #include "pkg_manager.h"
 #include "quorpkg/package/manifest.h"
+#include "quorpkg/store/installed_index.h"
 
 namespace quor {
 
@@ -25,5 +26,8 @@ std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info)
 // The record of an installed package: kOk, kNoSuchPackage or kBroken
 // (unreadable manifest).
 int readInstalledRecord(const std::string& name, QUORPackageTool::PackageInfo& out);
+
+// The same, from the index of installed packages: kOk or kBroken.
+int indexedRecord(const IndexedPackage& package, QUORPackageTool::PackageInfo& out);
 
 }  // namespace quor

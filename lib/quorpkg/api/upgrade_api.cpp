@@ -81,7 +81,11 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
     const bool refreshOnly = out == nullptr && policy == "none";
     std::vector<quor::Catalog> catalogs;
     std::string error;
-    int code = quor::loadCatalogs({fresh, !refreshOnly}, lang, catalogs, &error);
+    // Only the installed packages' entries matter.
+    const std::vector<std::string> installed = quor::installedPackages();
+    quor::CatalogLoad load{fresh, !refreshOnly};
+    load.names = &installed;
+    int code = quor::loadCatalogs(load, lang, catalogs, &error);
     if (code != quor::kOk) {
         syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
         return quor::fail(code, error);
@@ -116,8 +120,11 @@ bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
         return quor::fail(quor::kBadArgument, "not a package name");
     if (!quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage, "not installed");
     std::vector<quor::Catalog> catalogs;
+    const std::vector<std::string> names = {name};
+    quor::CatalogLoad load{fresh, true};
+    load.names = &names;
     std::string why;
-    int code = quor::loadCatalogs(fresh, lang, catalogs, &why);
+    int code = quor::loadCatalogs(load, lang, catalogs, &why);
     if (code != quor::kOk) return quor::fail(code, why);
     const quor::Offers offers(catalogs);
     if (offers.all(name).empty())

@@ -15,6 +15,7 @@
 #include "base/settings.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/trust.h"
+#include "quorpkg/server/catalog_digest.h"
 #include "quorpkg/server/http_client.h"
 
 namespace fs = std::filesystem;
@@ -65,14 +66,20 @@ bool keptCatalogIsTrusted(const Remembered& remembered) {
     return !remembered.key.empty() && keys.find(remembered.key) != nullptr;
 }
 
-// With `parse` false only checks that the kept catalog is there.
-bool readKeptCatalog(const fs::path& list, Json::Value& packages, bool parse) {
-    if (!parse) {
+// With `parse` false only checks that the kept catalog is there. A load for
+// a few names reads only their entries when the catalog has a digest, and
+// leaves one for the next load when it had none.
+bool readKeptCatalog(const fs::path& list, const std::string& hash, const CatalogLoad& how,
+                     Json::Value& packages) {
+    if (!how.parse) {
         std::error_code ec;
         return fs::is_regular_file(list, ec);
     }
+    if (how.names && readDigestedEntries(list, hash, *how.names, packages)) return true;
     std::optional<std::string> text = readFile(list);
-    return text && parseCatalog(*text, packages);
+    if (!text || !parseCatalog(*text, packages)) return false;
+    if (how.names) writeCatalogDigest(list, hash, packages);
+    return true;
 }
 
 // The kept catalog may serve a cached load: its hash was not reset, it came
@@ -146,7 +153,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
                            layout::listDir() / source.cacheFileName("hash", lang)};
     const Remembered remembered = readRemembered(files.hash);
     if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, settings.catalog_ttl) &&
-        readKeptCatalog(files.list, out.packages, how.parse))
+        readKeptCatalog(files.list, remembered.hash, how, out.packages))
         return kOk;
 
     std::string serverHash;
@@ -156,7 +163,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     serverHash = trimmed(serverHash);
     if (!serverHash.empty() && serverHash != kResetHash && serverHash == remembered.hash &&
         remembered.source == source.url && keptCatalogIsTrusted(remembered) &&
-        readKeptCatalog(files.list, out.packages, how.parse)) {
+        readKeptCatalog(files.list, remembered.hash, how, out.packages)) {
         // Still the server's catalog: it serves cached loads for another while.
         std::error_code ec;
         fs::last_write_time(files.list, fs::file_time_type::clock::now(), ec);
@@ -180,6 +187,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     // cached loads can use the catalog.
     const std::string hash = serverHash.empty() ? dataMd5Hex(text) : serverHash;
     remember(files, text, hash, source, key);
+    writeCatalogDigest(files.list, hash, out.packages);
     return kOk;
 }
 

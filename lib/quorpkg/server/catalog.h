@@ -36,6 +36,9 @@ struct CatalogLoad {
     // False: only bring the cache up to date; a kept catalog that is still
     // current is not read (its Catalog has no packages).
     bool parse = true;
+    // When set, only the entries of these packages are needed: a kept
+    // catalog with a current digest gives just those (see catalog_digest.h).
+    const std::vector<std::string>* names = nullptr;
 };
 int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>& out,
                  std::string* error = nullptr);

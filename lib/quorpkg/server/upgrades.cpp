@@ -7,6 +7,7 @@
 #include "quorpkg/server/volume_choice.h"
 #include "quorpkg/service/firmware_limits.h"
 #include "quorpkg/store/dependencies.h"
+#include "quorpkg/store/installed_index.h"
 #include "quorpkg/store/store.h"
 
 namespace quor {
@@ -16,11 +17,8 @@ bool blocked(const std::string& name, const std::string& version) {
     return firmwareLimitStatus(name, version) != 0;
 }
 
-}  // namespace
-
-bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& out) {
-    Manifest installed;
-    if (readInstalledManifest(name, installed) != kOk) return false;
+bool upgradeOver(const Offers& offers, const std::string& name, const Manifest& installed,
+                 UpgradeOffer& out) {
     for (const Offer& offer : offers.all(name)) {
         if (compareVersions(offer.version, installed.version) <= 0) return false;
         if ((offer.beta && !installed.beta) || blocked(name, offer.version)) continue;
@@ -32,11 +30,25 @@ bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& ou
     return false;
 }
 
+}  // namespace
+
+bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& out) {
+    Manifest installed;
+    return readInstalledManifest(name, installed) == kOk &&
+           upgradeOver(offers, name, installed, out);
+}
+
+// The manifests come from the index of installed packages: one read.
 std::vector<UpgradeOffer> findUpgrades(const Offers& offers) {
     std::vector<UpgradeOffer> out;
-    for (const std::string& name : installedPackages()) {
+    for (const IndexedPackage& package : loadInstalledIndex()->packages) {
+        Manifest installed;
         UpgradeOffer upgrade;
-        if (findUpgrade(offers, name, upgrade)) out.push_back(std::move(upgrade));
+        if (!package.readable || offers.all(package.name).empty() ||
+            parseManifest(package.manifestText, installed) != kOk)
+            continue;
+        if (upgradeOver(offers, package.name, installed, upgrade))
+            out.push_back(std::move(upgrade));
     }
     return out;
 }

@@ -82,7 +82,8 @@ int control(const std::vector<std::string>& names, const BulkRequest& request) {
     auto action = [&](const std::string& name) {
         return request.start ? startLocked(name, step) : stopOneLocked(name, step);
     };
-    const int workers = effectiveParallelJobs(loadSettings());
+    const int workers =
+        effectiveParallelJobs(loadSettings(), static_cast<int>(dependencyWidth(jobs)));
     // A failed stop does not keep the packages it needs from stopping: at
     // shutdown everything goes.
     std::vector<int> codes =

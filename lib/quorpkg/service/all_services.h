@@ -1,7 +1,7 @@
 // Many packages at once: all of them (system start-up and shutdown), or
 // those that need one of a set of system services. Packages go in
 // dependency order, and packages that do not depend on each other go in
-// parallel (setting parallel_jobs, default the number of processors).
+// parallel (setting parallel_jobs, default the dependency graph's width).
 #pragma once
 
 #include <set>

@@ -95,6 +95,29 @@ private:
 
 }  // namespace
 
+size_t dependencyWidth(const std::vector<OrderedJob>& jobs) {
+    std::vector<size_t> waiting(jobs.size()), level(jobs.size(), 0);
+    std::vector<std::vector<size_t>> next(jobs.size());
+    std::vector<size_t> ready;
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        waiting[i] = jobs[i].after.size();
+        for (size_t before : jobs[i].after) next[before].push_back(i);
+        if (waiting[i] == 0) ready.push_back(i);
+    }
+    while (!ready.empty()) {
+        size_t job = ready.back();
+        ready.pop_back();
+        for (size_t after : next[job]) {
+            level[after] = std::max(level[after], level[job] + 1);
+            if (--waiting[after] == 0) ready.push_back(after);
+        }
+    }
+    std::vector<size_t> perLevel(jobs.size() + 1, 0);
+    size_t width = 0;
+    for (size_t i = 0; i < jobs.size(); ++i) width = std::max(width, ++perLevel[level[i]]);
+    return width;
+}
+
 std::vector<int> runInOrder(const std::vector<OrderedJob>& jobs, int workers, bool blockOnFailure,
                             int blockedCode, int cycleCode,
                             const std::function<int(const std::string&)>& action) {

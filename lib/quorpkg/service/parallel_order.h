@@ -20,6 +20,11 @@ struct OrderedJob {
 // `blockOnFailure`, a job after a failed one is not run and gets
 // `blockedCode`. Jobs caught in a cycle get `cycleCode`. The codes by job
 // index. An exception from `action` is rethrown once every worker has ended.
+// The most jobs that share one level of the graph (a job's level: the
+// longest chain of jobs it waits for): how many could run at once if every
+// job took the same time. Jobs caught in a cycle count on level 0.
+size_t dependencyWidth(const std::vector<OrderedJob>& jobs);
+
 std::vector<int> runInOrder(const std::vector<OrderedJob>& jobs, int workers, bool blockOnFailure,
                             int blockedCode, int cycleCode,
                             const std::function<int(const std::string&)>& action);

@@ -9,6 +9,7 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "quorpkg/store/failpoint.h"
+#include "quorpkg/store/installed_index.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/store.h"
 
@@ -94,6 +95,7 @@ void finishInstall(const Change& change) {
             makeWebEntry(change.name, change.uiDir);
         }
     }
+    updateInstalledIndex(change.name);
     clearJournal(change.name);
 }
 
@@ -133,6 +135,7 @@ void rollBackInstall(const Change& change) {
     syncParents(paths);
     discard(paths.packageNew);
     discard(paths.appNew);
+    updateInstalledIndex(change.name);
     clearJournal(change.name);
 }
 
@@ -155,6 +158,7 @@ void finishRemoval(const Change& change) {
     fs::remove(layout::activeMark(change.name), ec);
     discard(paths.packageOld);
     discard(paths.appOld);
+    updateInstalledIndex(change.name);
     clearJournal(change.name);
 }
 
