@@ -37,7 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 (offer->beta && !beta))
                 std::abort();
             Json::Value resolved;
-            quor::resolvedEntry(*offer, resolved);
+            // What callers read of an entry converts without throwing.
+            if (quor::resolvedEntry(*offer, resolved)) {
+                if (resolved.isMember("size")) resolved["size"].asUInt64();
+                if (resolved.isMember("type")) resolved["type"].asInt();
+                for (const char* text : {"md5", "dname", "link"})
+                    if (resolved.isMember(text)) resolved[text].asCString();
+            }
             quor::entryFlag(*offer->entry, "important");
         }
     }

@@ -66,6 +66,10 @@ bool resolvedEntry(const Offer& offer, Json::Value& out) {
     if (!usableLink(link, *offer.source)) return false;
     out = *offer.entry;
     out["link"] = link;
+    if (out.isMember("size") && !out["size"].isUInt64()) out.removeMember("size");
+    if (out.isMember("type") && !out["type"].isInt()) out.removeMember("type");
+    for (const char* text : {"md5", "dname"})
+        if (out.isMember(text) && !out[text].isString()) out.removeMember(text);
     return true;
 }
 

@@ -38,7 +38,10 @@ private:
 };
 
 // The entry as handed to callers: a copy whose "link" is an absolute URL,
-// resolved against its server's folder. False when the link is not a URL.
+// resolved against its server's folder, and whose "size", "type", "md5" and
+// "dname" read as the types callers ask for (a member of another type is
+// left out), so that a hostile catalog cannot make a caller's JSON
+// conversion throw. False when the link is not a URL.
 bool resolvedEntry(const Offer& offer, Json::Value& out);
 
 // A member as text: strings as they are, numbers printed, anything else empty.
