@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "base/package_log.h"
 #include "base/result.h"
@@ -79,6 +80,12 @@ int control(const std::vector<std::string>& names, const BulkRequest& request) {
     step.param = request.param;
     // The order is this function's business: each step acts on one package.
     step.withDependencies = false;
+    // A start runs only after the jobs it waits for succeeded, and the
+    // store lock keeps anyone else from stopping them meanwhile: a
+    // requirement among the jobs is running when its dependent starts.
+    std::unordered_set<std::string> jobNames;
+    for (const OrderedJob& job : jobs) jobNames.insert(job.name);
+    if (request.start) step.knownRunning = &jobNames;
     auto action = [&](const std::string& name) {
         return request.start ? startLocked(name, step) : stopOneLocked(name, step);
     };

@@ -111,6 +111,7 @@ private:
         }
         // A requirement cycle (only a hand-edited store has one) ends here.
         if (inProgress_.count(dependency.name)) return kOk;
+        if (request_.knownRunning && request_.knownRunning->count(dependency.name)) return kOk;
         if (!request_.withDependencies)
             return packageStatus(dependency.name) == kOk
                        ? kOk

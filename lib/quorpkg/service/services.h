@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "pkg_manager.h"
@@ -33,6 +34,10 @@ struct ServiceRequest {
     // When set, receives the name of every package started or stopped, in
     // the order they were acted on.
     std::vector<std::string>* affected = nullptr;
+    // Without withDependencies: requirements known to be running, because
+    // this run started them (or found them running) before this package.
+    // Their status script is not asked again.
+    const std::unordered_set<std::string>* knownRunning = nullptr;
 };
 
 // Starts the package (required packages first, with the same type, so a
