@@ -88,6 +88,7 @@ cp "$repo/catalog.json" "$work/catalog.good"
 sed -i 's/"important" : false/"important" : true/' "$repo/catalog.json"
 echo changed > "$repo/catalog.hash"
 run chkupgradepkg
+reason
 cp "$work/catalog.good" "$repo/catalog.json"
 (cd "$work" && "$ZPK" index repo --sign "$SIGN_KEY" >/dev/null)
 

@@ -38,6 +38,7 @@ members=$(tar -tf "$zpks/notebook.zpk" 2>/dev/null)
 (cd "$tampered" && tar --format=pax --no-recursion -cf "$zpks/tampered.zpk" $members)
 rm -rf "$tampered"
 run install "$zpks/tampered.zpk"
+reason 2
 show "$device/var/log/packages/notebook.log"
 rm "$zpks/unsigned.zpk" "$zpks/tampered.zpk" "$device/var/log/packages/notebook.log"
 

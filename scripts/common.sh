@@ -52,8 +52,8 @@ run() {
 # Shows the platform's reason for the refusal just shown: the last line of
 # its log.
 reason() {
-  echo "\$ tail -n 1 /var/log/quorpkg.log"
-  tail -n 1 "$QUOR_ROOT/var/log/quorpkg.log" 2>/dev/null || echo "(no log)"
+  echo "\$ tail -n ${1:-1} /var/log/quorpkg.log"
+  tail -n "${1:-1}" "$QUOR_ROOT/var/log/quorpkg.log" 2>/dev/null || echo "(no log)"
   echo
 }
 
