@@ -81,7 +81,8 @@ bool isKnownKey(std::string_view key) {
                                                       "install_dep_services",
                                                       "firmware",
                                                       "arch",
-                                                      "checksum"};
+                                                      "checksum",
+                                                      "sha256"};
     return kKnown.count(key) != 0;
 }
 
