@@ -90,6 +90,15 @@ int memberSha256(archive* reader, const std::string& name, std::string& sha256, 
     return kOk;
 }
 
+MemberRecord describeMember(archive_entry* entry, const std::string& name, MemberKind kind) {
+    MemberRecord record;
+    record.name = name;
+    record.directory = kind == MemberKind::kDirectory;
+    record.mode = archive_entry_perm(entry);
+    record.size = static_cast<uint64_t>(archive_entry_size(entry));
+    return record;
+}
+
 namespace {
 
 // Whether the file holds the whole end-of-archive marker, two zero blocks,

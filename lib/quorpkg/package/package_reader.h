@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "quorpkg/package/signed_statement.h"
+
 namespace quor {
 
 enum class MemberKind { kInfo, kPayload, kScript, kConf, kDirectory, kSignature };
@@ -33,5 +35,9 @@ int readSmallMember(archive* reader, archive_entry* entry, const std::string& na
 // The sha256 of the current member's data, read to its end; kOk, or
 // kFileUnreadable when it cannot be read.
 int memberSha256(archive* reader, const std::string& name, std::string& sha256, std::string& why);
+
+// A member as a signature lists it, without its digest (the caller hashes
+// the data as it reads it).
+MemberRecord describeMember(archive_entry* entry, const std::string& name, MemberKind kind);
 
 }  // namespace quor

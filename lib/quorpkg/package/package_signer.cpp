@@ -25,11 +25,7 @@ int describeOpen(int fd, std::vector<MemberRecord>& out, std::string& why) {
     auto visit = [&](archive* reader, archive_entry* entry, const std::string& name,
                      MemberKind kind, std::string& reason) -> int {
         if (kind == MemberKind::kSignature) return kOk;
-        MemberRecord record;
-        record.name = name;
-        record.directory = kind == MemberKind::kDirectory;
-        record.mode = archive_entry_perm(entry);
-        record.size = static_cast<uint64_t>(archive_entry_size(entry));
+        MemberRecord record = describeMember(entry, name, kind);
         int code = record.directory ? kOk : memberSha256(reader, name, record.sha256, reason);
         out.push_back(std::move(record));
         return code;

@@ -246,11 +246,7 @@ int unpackPass(int fd, const PackageFileHead& head, const UnpackTargets& targets
     auto visit = [&](archive* reader, archive_entry* entry, const std::string& name,
                      MemberKind kind, std::string& reason) -> int {
         if (kind == MemberKind::kSignature) return kOk;
-        MemberRecord record;
-        record.name = name;
-        record.directory = kind == MemberKind::kDirectory;
-        record.mode = archive_entry_perm(entry);
-        record.size = static_cast<uint64_t>(archive_entry_size(entry));
+        MemberRecord record = describeMember(entry, name, kind);
         int code = kOk;
         if (kind == MemberKind::kPayload) {
             code = disk.open(targets.payload, reason);
