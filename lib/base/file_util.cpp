@@ -89,11 +89,12 @@ std::vector<std::string> entriesOfType(const fs::path& dir, mode_t type) {
     return names;
 }
 
-static bool writeAll(int fd, std::string_view data) {
+bool writeAll(int fd, std::string_view data) {
     while (!data.empty()) {
         ssize_t n = ::write(fd, data.data(), data.size());
-        if (n < 0) {
-            if (errno == EINTR) continue;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;  // no progress: give up rather than spin
             return false;
         }
         data.remove_prefix(static_cast<size_t>(n));
@@ -111,8 +112,8 @@ bool writeFileAtomic(const fs::path& path, std::string_view content, mode_t mode
     std::string temp = (dir / ("." + path.filename().string() + ".XXXXXX")).string();
     UniqueFd fd(::mkstemp(temp.data()));
     if (!fd) return false;
-    bool ok = ::fchmod(fd.get(), mode) == 0 && writeAll(fd.get(), content) &&
-              ::fsync(fd.get()) == 0;
+    bool ok =
+        ::fchmod(fd.get(), mode) == 0 && writeAll(fd.get(), content) && ::fsync(fd.get()) == 0;
     fd = UniqueFd();
     if (ok) ok = ::rename(temp.c_str(), path.c_str()) == 0;
     if (!ok) {

@@ -28,6 +28,10 @@ bool writeFileAtomic(const std::filesystem::path& path, std::string_view content
 // Flushes a directory's entries (after a rename or an unlink in it).
 bool syncDirectory(const std::filesystem::path& dir);
 
+// Writes all of `data` to `fd`, again after interruptions; false with
+// errno set when a write fails.
+bool writeAll(int fd, std::string_view data);
+
 // A file descriptor that closes itself.
 class UniqueFd {
 public:

@@ -37,17 +37,9 @@ struct FdSink {
     int fd;
     static la_ssize_t write(archive* a, void* self, const void* data, size_t length) {
         const int fd = static_cast<FdSink*>(self)->fd;
-        const char* p = static_cast<const char*>(data);
-        size_t left = length;
-        while (left > 0) {
-            ssize_t n = ::write(fd, p, left);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) {
-                archive_set_error(a, errno, "cannot write the package file");
-                return -1;
-            }
-            p += n;
-            left -= static_cast<size_t>(n);
+        if (!writeAll(fd, std::string_view(static_cast<const char*>(data), length))) {
+            archive_set_error(a, errno, "cannot write the package file");
+            return -1;
         }
         return static_cast<la_ssize_t>(length);
     }

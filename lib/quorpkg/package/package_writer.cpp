@@ -35,17 +35,9 @@ struct HashingSink {
 
     static la_ssize_t write(archive* a, void* self, const void* data, size_t length) {
         auto* sink = static_cast<HashingSink*>(self);
-        const char* p = static_cast<const char*>(data);
-        size_t left = length;
-        while (left > 0) {
-            ssize_t n = ::write(sink->fd, p, left);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) {
-                archive_set_error(a, errno, "cannot write the package file");
-                return -1;
-            }
-            p += n;
-            left -= static_cast<size_t>(n);
+        if (!writeAll(sink->fd, std::string_view(static_cast<const char*>(data), length))) {
+            archive_set_error(a, errno, "cannot write the package file");
+            return -1;
         }
         sink->md5.update(data, length);
         sink->sha256.update(data, length);

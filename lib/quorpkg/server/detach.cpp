@@ -28,13 +28,6 @@ bool readAll(int fd, void* data, size_t size) {
     return true;
 }
 
-bool writeAll(int fd, const void* data, size_t size) {
-    ssize_t n;
-    while ((n = ::write(fd, data, size)) < 0 && errno == EINTR) {
-    }
-    return n == static_cast<ssize_t>(size);
-}
-
 // Cuts the worker loose from what it inherited from its caller.
 void becomeDaemon() {
     // Paths stay valid after the change of directory; the lock the caller
@@ -99,7 +92,8 @@ bool runDetached(const std::function<bool(pid_t)>& started, const std::function<
             goWrite = UniqueFd();
             runWorker(goRead.get(), work);
         }
-        writeAll(pidWrite.get(), &worker, sizeof worker);
+        writeAll(pidWrite.get(),
+                 std::string_view(reinterpret_cast<const char*>(&worker), sizeof worker));
         std::_Exit(0);
     }
     pidWrite = UniqueFd();
@@ -112,7 +106,7 @@ bool runDetached(const std::function<bool(pid_t)>& started, const std::function<
     if (!gotPid || worker <= 0) return false;
     // Closing the pipe without the go byte sends the worker away unused.
     if (!started(worker)) return false;
-    return writeAll(goWrite.get(), "g", 1);
+    return writeAll(goWrite.get(), "g");
 }
 
 }  // namespace quor
