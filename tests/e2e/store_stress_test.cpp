@@ -13,35 +13,21 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <map>
 #include <random>
 #include <thread>
 
-#include "base/file_util.h"
 #include "tool_runner.h"
 
 namespace quor::e2e {
 namespace {
 
-using Snapshot = std::map<std::string, std::string>;
+using test::Snapshot;
 
-// Every file and link of the store with its content or target. Logs,
-// caches (the index of installed packages, which `list` checks against the
-// store) and run-time state (the lock, active marks) are not part of it;
-// empty folders do not count.
+// The store: logs, caches (the index of installed packages, which `list`
+// checks against the store) and run-time state (the lock, active marks) are
+// not part of it.
 Snapshot snapshot(const fs::path& root) {
-    Snapshot out;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        const std::string relative = entry.path().lexically_relative(root).string();
-        if (relative.rfind("var/log/", 0) == 0 || relative.rfind("var/cache/", 0) == 0 ||
-            relative.rfind("run/", 0) == 0)
-            continue;
-        if (entry.is_symlink())
-            out[relative] = "-> " + fs::read_symlink(entry.path()).string();
-        else if (entry.is_regular_file())
-            out[relative] = readFile(entry.path()).value_or("?");
-    }
-    return out;
+    return test::snapshot(root, {"var/log/", "var/cache/", "run/"});
 }
 
 unsigned testSeed() {

@@ -44,17 +44,6 @@ int freePort() {
     return port;
 }
 
-bool accepts(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return connected;
-}
-
 // nginx in the foreground, one process, serving `dir`; everything it writes
 // stays in a temporary folder. Stopped and reaped with the object.
 class Nginx {
@@ -118,10 +107,7 @@ TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
     const std::string nginx = findNginx();
     if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
     PackageSource source = packageSource("big");
-    std::string noise;
-    for (unsigned i = 3; noise.size() < 300000; i = i * 1103515245u + 12345u)
-        noise += char(i >> 16);
-    source.files["share/noise"] = noise;
+    source.files["share/noise"] = noiseBytes(300000, 3);
     const fs::path file = publish(source);
     index();
     Nginx web(nginx, repo);

@@ -55,7 +55,7 @@ TEST_F(ServiceTest, OnOffAllStartsEnabledPackagesInOrderAndReportsTheFirstFailur
     EXPECT_EQ(packageStatus("c-base"), kStopped);
 
     // One worker takes the packages in dependency order, byte order among equals.
-    setting("parallel_jobs=\"1\"");
+    appendSetting("parallel_jobs=\"1\"");
     fs::remove(tracePath());
     fs::remove(layout::firmwareLimitsFile());
     EXPECT_FALSE(manager.serviceControlOnOffALL(true, false, nullptr, nullptr));

@@ -68,11 +68,6 @@ protected:
         return pkg;
     }
 
-    void setting(const std::string& line) {
-        std::string text = readFile(layout::settingsFile()).value_or("");
-        writeText(layout::settingsFile(), text + line + "\n");
-    }
-
     fs::path tracePath() const { return root.path() / "trace"; }
 
     std::vector<std::string> traceLines() const {

@@ -1,46 +1,17 @@
 // The store against hostile surroundings: payloads that would fill the
 // volume, links planted where the store keeps its own files, leftovers of a
 // killed process, a missing root, and absurd settings.
-#include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
 #include "base/settings.h"
-#include "pkg_manager.h"
 #include "quorpkg/server/task_file.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
 
-int install(const fs::path& file) {
-    InstallRequest request;
-    request.file = file;
-    return installPackage(request, serviceHooks());
-}
-
-// A tmpfs of `size` mounted over a folder for the object's life.
-class Tmpfs {
-public:
-    Tmpfs(const fs::path& dir, const std::string& size) : dir_(dir) {
-        fs::create_directories(dir);
-        mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
-    }
-    ~Tmpfs() {
-        if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
-    }
-    bool mounted() const { return mounted_; }
-
-private:
-    fs::path dir_;
-    bool mounted_ = false;
-};
+const auto install = installFile;
 
 class StoreHostile : public ::testing::Test {
 protected:

@@ -1,14 +1,6 @@
 // Removing packages: all or none, dependents first, scripts around it.
-#include <gtest/gtest.h>
-
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -19,14 +11,8 @@ std::string tracer(const std::string& script, int status = 0) {
            std::to_string(status) + "\n";
 }
 
-class StoreRemove : public ::testing::Test {
+class StoreRemove : public StoreTest {
 protected:
-    void SetUp() override {
-        volume = root.addVolume(1);
-        QUORPackageTool::PackageManager manager;
-        ASSERT_TRUE(manager.init());
-    }
-
     // A package with tracing removal scripts that needs `needs`.
     void add(const std::string& name, const std::string& needs = "",
              std::map<std::string, std::string> scripts = {}) {
@@ -37,16 +23,10 @@ protected:
         source.files = {{"ui/index.html", name}};
         source.scripts = {{"preuninst", tracer("preuninst")}, {"postuninst", tracer("postuninst")}};
         for (auto& [script, body] : scripts) source.scripts[script] = body;
-        InstallRequest request;
-        request.file = buildTestPackage(files.path(), source);
-        ASSERT_EQ(installPackage(request, serviceHooks()), kOk) << name;
+        ASSERT_EQ(install(source), kOk) << name;
     }
 
-    std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
-
-    TempRoot root;
-    TempDir files;
-    fs::path volume;
+    const fs::path& volume = volume1;
 };
 
 TEST_F(StoreRemove, GoesDependentsFirstAndLeavesNothingButTheLog) {

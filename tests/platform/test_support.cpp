@@ -3,6 +3,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <openssl/evp.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -10,9 +11,12 @@
 #include <memory>
 #include <stdexcept>
 
+#include "base/file_util.h"
 #include "base/key_value.h"
 #include "base/layout.h"
+#include "base/result.h"
 #include "quorpkg/package/package_writer.h"
+#include "quorpkg/store/store.h"
 
 namespace quor::test {
 namespace {
@@ -78,6 +82,11 @@ void writeSettings(std::string_view lines) {
     // The first value of a key counts, so `lines` may override the
     // short lock wait that makes a leaked lock fail a test in seconds.
     writeText(layout::settingsFile(), std::string(lines) + "lock_timeout=\"2\"\n");
+}
+
+void appendSetting(std::string_view line) {
+    const std::string text = readFile(layout::settingsFile()).value_or("");
+    writeText(layout::settingsFile(), text + std::string(line) + "\n");
 }
 
 void writeText(const fs::path& file, std::string_view content, mode_t mode) {
@@ -207,6 +216,43 @@ std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter) {
 
 void writeTar(const fs::path& file, const std::vector<TarEntry>& entries) {
     writeText(file, tarBytes(entries));
+}
+
+std::string noiseBytes(size_t size, unsigned seed) {
+    std::string noise;
+    for (unsigned i = seed; noise.size() < size; i = i * 1103515245u + 12345u)
+        noise += char(i >> 16);
+    return noise;
+}
+
+Snapshot snapshot(const fs::path& root, const std::vector<std::string>& skipped) {
+    Snapshot out;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string relative = entry.path().lexically_relative(root).string();
+        bool skip = false;
+        for (const std::string& left : skipped)
+            skip = skip || relative == left || (left.back() == '/' && relative.rfind(left, 0) == 0);
+        if (skip) continue;
+        if (entry.is_symlink())
+            out[relative] = "-> " + fs::read_symlink(entry.path()).string();
+        else if (entry.is_regular_file())
+            out[relative] = readFile(entry.path()).value_or("?");
+    }
+    return out;
+}
+
+std::string installedVersion(const std::string& name) {
+    Manifest manifest;
+    return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";
+}
+
+Tmpfs::Tmpfs(const fs::path& dir, const std::string& size) : dir_(dir) {
+    fs::create_directories(dir);
+    mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
+}
+
+Tmpfs::~Tmpfs() {
+    if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
 }
 
 std::string md5Hex(std::string_view data) {

@@ -60,6 +60,9 @@ private:
 // lines), keeping the short lock wait of TempRoot unless they set their own.
 void writeSettings(std::string_view lines);
 
+// Appends one key="value" line to the settings of the current root.
+void appendSetting(std::string_view line);
+
 // Writes `content` to `file`, creating its parent directories.
 void writeText(const fs::path& file, std::string_view content, mode_t mode = 0644);
 
@@ -111,6 +114,35 @@ std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter = Ta
 
 // Writes an uncompressed pax tar of `entries` to `file`.
 void writeTar(const fs::path& file, const std::vector<TarEntry>& entries);
+
+// `size` bytes of pseudo-random noise drawn from `seed`: deflate stores
+// them as they are, so packages holding them stay large.
+std::string noiseBytes(size_t size, unsigned seed);
+
+// Every file and link under `root` with its content (a link as "-> target"),
+// by path relative to the root so that two roots compare, leaving out the
+// paths in `skipped` and, for those that end in '/', all under them. Empty
+// folders do not count.
+using Snapshot = std::map<std::string, std::string>;
+Snapshot snapshot(const fs::path& root, const std::vector<std::string>& skipped);
+
+// The version of an installed package, or "" when there is none.
+std::string installedVersion(const std::string& name);
+
+// A tmpfs of `size` mounted over `dir` for the object's life, where this run
+// is allowed to mount.
+class Tmpfs {
+public:
+    Tmpfs(const fs::path& dir, const std::string& size);
+    ~Tmpfs();
+    Tmpfs(const Tmpfs&) = delete;
+    Tmpfs& operator=(const Tmpfs&) = delete;
+    bool mounted() const { return mounted_; }
+
+private:
+    fs::path dir_;
+    bool mounted_ = false;
+};
 
 // Lower-case hex md5 of `data`.
 std::string md5Hex(std::string_view data);
