@@ -11,14 +11,8 @@
 namespace quor::test {
 namespace {
 
-const auto install = installFile;
-
-class StoreHostile : public ::testing::Test {
-protected:
-    fs::path build(const PackageSource& source) { return buildTestPackage(files.path(), source); }
-
-    TempDir files;
-};
+// Tests that need a root of another kind make their own inside this one.
+using StoreHostile = StoreTest;
 
 TEST_F(StoreHostile, APayloadThatWouldEatTheVolumesReserveIsRefused) {
     TempRoot root;
@@ -33,21 +27,18 @@ TEST_F(StoreHostile, APayloadThatWouldEatTheVolumesReserveIsRefused) {
     big.files["share/zeros"] = std::string(31 << 19, '\0');
     const fs::path file = build(big);
     ASSERT_LT(fs::file_size(file), 256u << 10);
-    EXPECT_EQ(install(file), kNoSpace);
+    EXPECT_EQ(installFile(file), kNoSpace);
     EXPECT_FALSE(isInstalled("big"));
     const fs::path appstore = root.host("/volume1/@appstore");
     EXPECT_TRUE(!fs::exists(appstore) || fs::is_empty(appstore));
 
     big.files["share/zeros"] = std::string(12 << 20, '\0');
-    EXPECT_EQ(install(build(big)), kOk);
+    EXPECT_EQ(install(big), kOk);
 }
 
 TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
-    TempRoot root;
-    root.addVolume(1);
     QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
-    ASSERT_EQ(install(build(packageSource("demo"))), kOk);
+    ASSERT_EQ(install(packageSource("demo")), kOk);
     const fs::path victim = files.path() / "victim";
     const fs::path nowhere = files.path() / "nowhere";
 
@@ -56,7 +47,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
     writeText(victim, "precious\n");
     fs::remove(layout::lockFile());
     fs::create_symlink(victim, layout::lockFile());
-    EXPECT_EQ(install(build(packageSource("other"))), kStoreUnusable);
+    EXPECT_EQ(install(packageSource("other")), kStoreUnusable);
     EXPECT_EQ(readFile(victim), "precious\n");
     fs::remove(layout::lockFile());
     fs::create_symlink(nowhere, layout::lockFile());
@@ -72,7 +63,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
     fs::create_directories(layout::journalDir());
     fs::create_symlink(victim, layout::journalDir() / "demo");
     ASSERT_TRUE(manager.init());
-    ASSERT_EQ(install(build(packageSource("other"))), kOk);
+    ASSERT_EQ(install(packageSource("other")), kOk);
     EXPECT_TRUE(isInstalled("demo"));
     EXPECT_TRUE(fs::exists(victim));
     EXPECT_FALSE(fs::exists(fs::symlink_status(layout::journalDir() / "demo")));
@@ -96,10 +87,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
 }
 
 TEST_F(StoreHostile, RecoveryRemovesJournalTemporariesAKillLeftBehind) {
-    TempRoot root;
-    root.addVolume(1);
     QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
     // writeFileAtomic's temporary name, as a kill between write and rename
     // leaves it.
     const fs::path leftover = layout::journalDir() / ".demo.Xy12Zq";
@@ -108,7 +96,7 @@ TEST_F(StoreHostile, RecoveryRemovesJournalTemporariesAKillLeftBehind) {
     EXPECT_FALSE(fs::exists(leftover));
 
     writeText(leftover, "op=\"ins");
-    ASSERT_EQ(install(build(packageSource("demo"))), kOk);
+    ASSERT_EQ(install(packageSource("demo")), kOk);
     EXPECT_FALSE(fs::exists(leftover));
     EXPECT_TRUE(fs::is_empty(layout::journalDir()));
 }
@@ -165,16 +153,12 @@ TEST_F(StoreHostile, NumericSettingsAreClampedToSaneRanges) {
 }
 
 TEST_F(StoreHostile, PackageLogsAreCappedWithOneOlderCopy) {
-    TempRoot root;
-    root.addVolume(1);
-    QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
     // 3 MiB of numbered lines from one script.
     PackageSource noisy = packageSource("noisy");
     noisy.scripts["postinst"] =
         "#!/bin/sh\ni=0\nwhile [ $i -lt 24576 ]; do\n"
         "  printf 'line %0120d\\n' $i\n  i=$((i+1))\ndone\n";
-    ASSERT_EQ(install(build(noisy)), kOk);
+    ASSERT_EQ(install(noisy), kOk);
     const fs::path log = layout::logFile("noisy");
     const fs::path older = log.string() + ".1";
     EXPECT_LE(fs::file_size(log), 1u << 20);
