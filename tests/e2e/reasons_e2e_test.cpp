@@ -94,7 +94,7 @@ TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
     refused({"install", rawPackage("sum.zpk", {test::fileEntry("bin/raw", "x")}, "other bytes")},
             "Failed to install package sum.zpk, error = [112]\n",
             {": 112 ", "sum.zpk", "checksum mismatch of package.tgz"});
-    refused({"query", "missing.zpk"}, "Failed to query package missing.zpk, 110\n",
+    refused({"query", "missing.zpk", "more"}, "Failed to query package missing.zpk, 110\n",
             {"queryPackageFileInfo missing.zpk: 110", "missing.zpk"});
 
     PackageSource failing = test::packageSource("failing");
