@@ -5,8 +5,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <sstream>
-
 #include "base/file_util.h"
 #include "server_fixture.h"
 #include "tool_runner.h"
@@ -21,11 +19,9 @@ protected:
     // The lines of the platform log written since the last call.
     std::vector<std::string> newLines() {
         const std::string text = readFile(device.root().host("/var/log/quorpkg.log")).value_or("");
-        std::vector<std::string> lines;
-        std::istringstream stream(text.substr(std::min(seen_, text.size())));
-        for (std::string line; std::getline(stream, line);) lines.push_back(line);
+        const size_t from = std::min(seen_, text.size());
         seen_ = text.size();
-        return lines;
+        return test::textLines(std::string_view(text).substr(from));
     }
 
     // Runs quorpkg, checks its output, and expects one new log line that

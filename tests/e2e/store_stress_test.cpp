@@ -4,7 +4,6 @@
 //
 // Rounds are drawn from a seed that each test prints; QUOR_TEST_SEED=<n>
 // replays one.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -37,25 +36,6 @@ unsigned testSeed() {
     std::cout << "seed " << seed << " (replay with QUOR_TEST_SEED=" << seed << ")\n";
     ::testing::Test::RecordProperty("seed", std::to_string(seed));
     return seed;
-}
-
-// quorpkg started in the background, its output discarded.
-pid_t startQuorpkg(const std::vector<std::string>& args, const fs::path& workDir) {
-    std::vector<std::string> words = {QUORPKG_BINARY};
-    words.insert(words.end(), args.begin(), args.end());
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        int devNull = ::open("/dev/null", O_WRONLY);
-        ::dup2(devNull, STDOUT_FILENO);
-        ::dup2(devNull, STDERR_FILENO);
-        if (::chdir(workDir.c_str()) != 0) ::_exit(127);
-        std::vector<char*> argv;
-        for (std::string& word : words) argv.push_back(word.data());
-        argv.push_back(nullptr);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    return pid;
 }
 
 test::PackageSource version(const std::string& number) {
@@ -130,7 +110,7 @@ TEST_F(StoreStress, AKillAtAnyMomentLeavesTheOldOrTheNewStore) {
 
         // Anywhere from the start to a little after the slowest change.
         const auto delay = std::chrono::microseconds(random() % (longest.count() * 11 / 10 + 1));
-        pid_t pid = startQuorpkg(args, device.packageDir());
+        pid_t pid = startProgram(QUORPKG_BINARY, args, device.packageDir());
         std::this_thread::sleep_for(delay);
         ::kill(pid, SIGKILL);
         int status = 0;

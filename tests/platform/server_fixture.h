@@ -48,6 +48,8 @@ public:
     ClosedPort(const ClosedPort&) = delete;
     ClosedPort& operator=(const ClosedPort&) = delete;
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+    // Free again once the object is gone.
+    int port() const { return port_; }
 
 private:
     int fd_ = -1;

@@ -241,6 +241,13 @@ Snapshot snapshot(const fs::path& root, const std::vector<std::string>& skipped)
     return out;
 }
 
+std::vector<std::string> textLines(std::string_view text) {
+    std::vector<std::string> lines;
+    for (size_t start = 0, end; (end = text.find('\n', start)) != text.npos; start = end + 1)
+        lines.emplace_back(text.substr(start, end - start));
+    return lines;
+}
+
 std::string installedVersion(const std::string& name) {
     Manifest manifest;
     return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";

@@ -144,6 +144,9 @@ private:
     bool mounted_ = false;
 };
 
+// The newline-terminated lines of `text`, without their newlines.
+std::vector<std::string> textLines(std::string_view text);
+
 // Lower-case hex md5 of `data`.
 std::string md5Hex(std::string_view data);
 
