@@ -42,17 +42,23 @@ void expectListedAsStored() {
     EXPECT_EQ(listed, stored);
 }
 
+// Runs `body` in a child process: its exit status, or minus the signal
+// that ended it.
+int inChild(const std::function<int()>& body) {
+    pid_t pid = ::fork();
+    if (pid == 0) ::_exit(body());
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
 // Runs `change` in a child process with QUOR_FAILPOINT set to `step`; true
 // when the child died there.
 bool killedAt(const std::string& step, const std::function<int()>& change) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::setenv("QUOR_FAILPOINT", step.c_str(), 1);
-        ::_exit(change() == kOk ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    return inChild([&] {
+               ::setenv("QUOR_FAILPOINT", step.c_str(), 1);
+               return change() == kOk ? 0 : 1;
+           }) == -SIGKILL;
 }
 
 const auto install = installFile;
@@ -277,16 +283,11 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
 // `bytes` (EFBIG, with SIGXFSZ ignored), as they fail on a full disk: a
 // full volume that needs no privileges to make.
 int withFileSizeLimit(rlim_t bytes, const std::function<int()>& change) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
+    return inChild([&] {
         ::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{bytes, bytes};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(255);
-        ::_exit(change());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 ? change() : 255;
+    });
 }
 
 // An upgrade and a new install that do not fit, against demo 1.0 with data

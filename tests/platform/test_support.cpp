@@ -101,11 +101,7 @@ void writeText(const fs::path& file, std::string_view content, mode_t mode) {
 
 PackageSource packageSource(std::string name, std::string version,
                             std::vector<std::pair<std::string, std::string>> info) {
-    PackageSource pkg;
-    pkg.name = std::move(name);
-    pkg.version = std::move(version);
-    pkg.info = std::move(info);
-    return pkg;
+    return {.name = std::move(name), .version = std::move(version), .info = std::move(info)};
 }
 
 void writePackageSource(const fs::path& dir, const PackageSource& pkg) {
@@ -139,40 +135,23 @@ fs::path buildTestPackage(const fs::path& outDir, const PackageSource& pkg,
 }
 
 TarEntry fileEntry(std::string name, std::string data, mode_t perm) {
-    TarEntry entry;
-    entry.name = std::move(name);
-    entry.data = std::move(data);
-    entry.perm = perm;
-    return entry;
+    return {.name = std::move(name), .data = std::move(data), .perm = perm};
 }
 
 TarEntry dirEntry(std::string name, mode_t perm) {
-    TarEntry entry;
-    entry.name = std::move(name);
-    entry.type = AE_IFDIR;
-    entry.perm = perm;
-    return entry;
+    return {.name = std::move(name), .type = AE_IFDIR, .perm = perm};
 }
 
 TarEntry symlinkEntry(std::string name, std::string target) {
-    TarEntry entry;
-    entry.name = std::move(name);
-    entry.type = AE_IFLNK;
-    entry.perm = 0777;
-    entry.symlink = std::move(target);
-    return entry;
+    return {.name = std::move(name), .type = AE_IFLNK, .perm = 0777, .symlink = std::move(target)};
 }
 
 TarEntry hardlinkEntry(std::string name, std::string target) {
-    TarEntry entry = fileEntry(std::move(name), "");
-    entry.hardlink = std::move(target);
-    return entry;
+    return {.name = std::move(name), .hardlink = std::move(target)};
 }
 
 TarEntry nodeEntry(std::string name, unsigned type) {
-    TarEntry entry = fileEntry(std::move(name), "");
-    entry.type = type;
-    return entry;
+    return {.name = std::move(name), .type = type};
 }
 
 std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter) {

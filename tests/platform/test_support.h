@@ -71,11 +71,11 @@ void writeText(const fs::path& file, std::string_view content, mode_t mode = 064
 struct PackageSource {
     std::string name = "demo";
     std::string version = "1.0-0001";
-    std::vector<std::pair<std::string, std::string>> info;  // more manifest keys
-    std::string rawInfo;
+    std::vector<std::pair<std::string, std::string>> info{};  // more manifest keys
+    std::string rawInfo{};
     std::map<std::string, std::string> files = {{"bin/demo", "#!/bin/sh\necho demo\n"}};
-    std::map<std::string, std::string> scripts;  // script name -> body, made executable
-    std::map<std::string, std::string> conf;     // path under conf/ -> content
+    std::map<std::string, std::string> scripts{};  // script name -> body, made executable
+    std::map<std::string, std::string> conf{};     // path under conf/ -> content
 };
 
 // A package source with the given name, version and more manifest keys.
@@ -93,11 +93,11 @@ fs::path buildTestPackage(const fs::path& outDir, const PackageSource& pkg,
 // One entry of a hand-made tar archive. `type` is a libarchive AE_IF* value.
 struct TarEntry {
     std::string name;
-    std::string data;         // content of a regular file
+    std::string data{};       // content of a regular file
     unsigned type = 0100000;  // AE_IFREG
     mode_t perm = 0644;
-    std::string symlink;   // target of a symbolic link (type AE_IFLNK)
-    std::string hardlink;  // target of a hard link (regular type, no data)
+    std::string symlink{};   // target of a symbolic link (type AE_IFLNK)
+    std::string hardlink{};  // target of a hard link (regular type, no data)
 };
 
 TarEntry fileEntry(std::string name, std::string data, mode_t perm = 0644);
