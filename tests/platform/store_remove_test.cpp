@@ -11,6 +11,14 @@ std::string tracer(const std::string& script, int status = 0) {
            std::to_string(status) + "\n";
 }
 
+// A service that keeps its state in $QUOR_ROOT/<name>.running and traces
+// its stops.
+const std::string kService =
+    "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
+    "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
+    "\"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
+    "status) [ -f \"$QUOR_ROOT/$QUOR_PKG_NAME.running\" ] && exit 0; exit 3;;\nesac\n";
+
 class StoreRemove : public StoreTest {
 protected:
     // A package with tracing removal scripts that needs `needs`.
@@ -74,39 +82,11 @@ TEST_F(StoreRemove, RefusesTheWholeRequestWhenOneNameIsWrongOrStillNeeded) {
     EXPECT_EQ(trace(), "preuninst mid\npostuninst mid\n");
 }
 
-TEST_F(StoreRemove, StopsTheServiceFirstAndARefusingPreuninstKeepsThePackageRunning) {
-    const std::string service =
-        "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/svc.running\";;\n"
-        "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
-        "\"$QUOR_ROOT/svc.running\";;\n"
-        "status) [ -f \"$QUOR_ROOT/svc.running\" ] && exit 0; exit 3;;\nesac\n";
-    add("svc", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
-    ASSERT_TRUE(isMarkedActive("svc"));
-
-    EXPECT_EQ(removePackages({"svc"}, serviceHooks()), kScriptFailed);
-    EXPECT_EQ(trace(), "stop svc\npreuninst svc\n");
-    EXPECT_TRUE(isInstalled("svc"));
-    EXPECT_TRUE(isMarkedActive("svc"));
-    EXPECT_TRUE(fs::exists(root.host("/svc.running")));
-    EXPECT_TRUE(fs::is_empty(layout::journalDir()));
-
-    fs::remove(root.host("/trace"));
-    writeText(layout::scriptsDir("svc") / "preuninst", tracer("preuninst"), 0755);
-    ASSERT_EQ(removePackages({"svc"}, serviceHooks()), kOk);
-    EXPECT_EQ(trace(), "stop svc\npreuninst svc\npostuninst svc\n");
-    EXPECT_FALSE(isMarkedActive("svc"));
-    EXPECT_FALSE(fs::exists(root.host("/svc.running")));
-}
-
+// Services are stopped before their preuninst runs.
 TEST_F(StoreRemove, OneRefusingPreuninstKeepsEveryNamedPackageInstalledAndRunning) {
-    const std::string service =
-        "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
-        "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
-        "\"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
-        "status) [ -f \"$QUOR_ROOT/$QUOR_PKG_NAME.running\" ] && exit 0; exit 3;;\nesac\n";
-    add("b", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
-    add("a", "b", {{"start-stop-status", service}});
-    add("c", "", {{"start-stop-status", service}});
+    add("b", "", {{"start-stop-status", kService}, {"preuninst", tracer("preuninst", 1)}});
+    add("a", "b", {{"start-stop-status", kService}});
+    add("c", "", {{"start-stop-status", kService}});
     const fs::path appA = layout::appstoreDir(volume, "a");
 
     EXPECT_EQ(removePackages({"c", "b", "a"}, serviceHooks()), kScriptFailed);
@@ -121,6 +101,19 @@ TEST_F(StoreRemove, OneRefusingPreuninstKeepsEveryNamedPackageInstalledAndRunnin
     }
     EXPECT_TRUE(fs::exists(appA / "ui/index.html"));
     EXPECT_TRUE(fs::is_empty(layout::journalDir()));
+
+    // Put right, the same request goes through.
+    fs::remove(root.host("/trace"));
+    writeText(layout::scriptsDir("b") / "preuninst", tracer("preuninst"), 0755);
+    ASSERT_EQ(removePackages({"c", "b", "a"}, serviceHooks()), kOk);
+    EXPECT_EQ(trace(),
+              "stop c\npreuninst c\nstop a\npreuninst a\nstop b\npreuninst b\n"
+              "postuninst c\npostuninst a\npostuninst b\n");
+    EXPECT_TRUE(installedPackages().empty());
+    for (const char* name : {"a", "b", "c"}) {
+        EXPECT_FALSE(isMarkedActive(name)) << name;
+        EXPECT_FALSE(fs::exists(root.host("/" + std::string(name) + ".running"))) << name;
+    }
 }
 
 TEST_F(StoreRemove, ABrokenPackageCanStillBeRemoved) {
