@@ -26,6 +26,7 @@
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/store.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -130,10 +131,7 @@ void ServerTest::serve() {
 }
 
 void ServerTest::installLocal(const PackageSource& source) {
-    TempDir dir;
-    InstallRequest request;
-    request.file = buildTestPackage(dir.path(), source);
-    ASSERT_EQ(installPackage(request, serviceHooks()), kOk);
+    ASSERT_EQ(installFile(buildTestPackage(files.path(), source)), kOk);
 }
 
 std::string ServerTest::lookup(const std::string& name, bool fresh, bool beta,
