@@ -1,13 +1,13 @@
 // The store survives bad input, failing scripts, processes killed at any
 // step of a change, and changes that run at the same time.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <functional>
 #include <map>
+#include <optional>
 
 #include "base/layout.h"
 #include "quorpkg/store/lock.h"
@@ -40,16 +40,6 @@ void expectListedAsStored() {
             stored.push_back(name + " " + manifest.version);
     }
     EXPECT_EQ(listed, stored);
-}
-
-// Runs `body` in a child process: its exit status, or minus the signal
-// that ended it.
-int inChild(const std::function<int()>& body) {
-    pid_t pid = ::fork();
-    if (pid == 0) ::_exit(body());
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 // Runs `change` in a child process with QUOR_FAILPOINT set to `step`; true
@@ -241,27 +231,9 @@ TEST_F(StoreSafety, TwoInstallsStartedAtOnceRunOneAfterTheOther) {
 TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     Device device(nullptr);
     writeSettings("lock_timeout=\"0\"\n");
-    int held[2], release[2];
-    ASSERT_EQ(::pipe(held), 0);
-    ASSERT_EQ(::pipe(release), 0);
-    pid_t holder = ::fork();
-    if (holder == 0) {
-        int code = kOk;
-        auto lock = StoreLock::acquire(code);
-        char byte = lock ? 1 : 0;
-        ::close(held[0]);
-        if (::write(held[1], &byte, 1) != 1) ::_exit(2);
-        ::close(release[1]);
-        // Holds the lock until the test closes its end of the pipe.
-        ::_exit(::read(release[0], &byte, 1) == 0 ? 0 : 3);
-    }
-    ::close(held[1]);
-    ::close(release[0]);
-    char byte = 0;
-    ASSERT_EQ(::read(held[0], &byte, 1), 1);
-    ASSERT_EQ(byte, 1);
-
-    EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder) + "\n");
+    std::optional<LockHolder> holder(std::in_place);
+    ASSERT_TRUE(holder->locked());
+    EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder->pid()) + "\n");
     EXPECT_EQ(install(build(PackageSource{})), kLocked);
     EXPECT_EQ(removePackages({"demo"}, serviceHooks()), kLocked);
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
@@ -271,23 +243,9 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
     ::unsetenv("QUOR_PKG_LOCK_HELD");
 
-    ::close(release[1]);
-    int status = 0;
-    ::waitpid(holder, &status, 0);
-    ::close(held[0]);
+    holder.reset();
     EXPECT_EQ(install(build(PackageSource{})), kOk);
     EXPECT_EQ(readFile(layout::lockFile()), "");
-}
-
-// The code of `change` run in a child process whose writes fail past
-// `bytes` (EFBIG, with SIGXFSZ ignored), as they fail on a full disk: a
-// full volume that needs no privileges to make.
-int withFileSizeLimit(rlim_t bytes, const std::function<int()>& change) {
-    return inChild([&] {
-        ::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{bytes, bytes};
-        return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 ? change() : 255;
-    });
 }
 
 // An upgrade and a new install that do not fit, against demo 1.0 with data

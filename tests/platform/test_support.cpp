@@ -5,7 +5,10 @@
 #include <openssl/evp.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -16,6 +19,7 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "quorpkg/package/package_writer.h"
+#include "quorpkg/store/lock.h"
 #include "quorpkg/store/store.h"
 
 namespace quor::test {
@@ -239,6 +243,49 @@ Tmpfs::Tmpfs(const fs::path& dir, const std::string& size) : dir_(dir) {
 
 Tmpfs::~Tmpfs() {
     if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
+}
+
+int inChild(const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(body());
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+int withFileSizeLimit(rlim_t bytes, const std::function<int()>& body) {
+    return inChild([&] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, bytes};
+        return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 ? body() : 255;
+    });
+}
+
+LockHolder::LockHolder() {
+    int held[2], release[2];
+    check(::pipe(held) == 0 && ::pipe(release) == 0, "pipe");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::close(held[0]);
+        ::close(release[1]);
+        int code = kOk;
+        auto lock = StoreLock::acquire(code);
+        char byte = lock ? 1 : 0;
+        if (::write(held[1], &byte, 1) != 1) ::_exit(2);
+        // Holds the lock until the parent closes its end of the pipe.
+        ::_exit(::read(release[0], &byte, 1) == 0 ? 0 : 3);
+    }
+    ::close(held[1]);
+    ::close(release[0]);
+    release_ = release[1];
+    char byte = 0;
+    locked_ = ::read(held[0], &byte, 1) == 1 && byte == 1;
+    ::close(held[0]);
+}
+
+LockHolder::~LockHolder() {
+    ::close(release_);
+    ::waitpid(pid_, nullptr, 0);
 }
 
 std::string md5Hex(std::string_view data) {

@@ -4,9 +4,11 @@
 // reports that as a failure of the test.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -146,6 +148,31 @@ private:
 
 // The newline-terminated lines of `text`, without their newlines.
 std::vector<std::string> textLines(std::string_view text);
+
+// Runs `body` in a child process: its exit status, or minus the signal
+// that ended it.
+int inChild(const std::function<int()>& body);
+
+// `body` run in a child process whose writes fail past `bytes` (EFBIG, with
+// SIGXFSZ ignored), as they fail on a full disk: a full volume that needs no
+// privileges to make.
+int withFileSizeLimit(rlim_t bytes, const std::function<int()>& body);
+
+// Another process that holds the store lock for the object's life.
+class LockHolder {
+public:
+    LockHolder();
+    ~LockHolder();
+    LockHolder(const LockHolder&) = delete;
+    LockHolder& operator=(const LockHolder&) = delete;
+    bool locked() const { return locked_; }
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+    int release_ = -1;
+    bool locked_ = false;
+};
 
 // Lower-case hex md5 of `data`.
 std::string md5Hex(std::string_view data);
