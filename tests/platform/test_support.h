@@ -1,5 +1,7 @@
-// Helpers shared by the platform tests: temporary folders and system roots,
-// package sources and package files, and raw tar archives for hostile input.
+// Helpers shared by the platform, unit and end-to-end tests: temporary
+// folders and system roots, package sources and package files, raw tar
+// archives for hostile input, store snapshots, and child processes that
+// hold the store lock or write under a file-size limit.
 // Helpers throw std::runtime_error when the host fails them; GoogleTest
 // reports that as a failure of the test.
 #pragma once
