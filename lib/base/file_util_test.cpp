@@ -3,12 +3,7 @@
 #include "base/file_util.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 
 #include "test_support.h"
 
@@ -57,17 +52,9 @@ TEST(FileUtil, AWriteThatRunsOutOfRoomKeepsTheOldFile) {
     writeText(file, "old content");
     // A file-size limit makes every write past it fail with EFBIG, as a
     // full disk makes it fail with ENOSPC, without needing a small volume.
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{4096, 4096};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        ::_exit(writeFileAtomic(file, std::string(64 << 10, 'x')) ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(test::withFileSizeLimit(
+                  4096, [&] { return writeFileAtomic(file, std::string(64 << 10, 'x')) ? 0 : 1; }),
+              1);
     EXPECT_EQ(readFile(file), "old content");
     EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"journal"});
 }

@@ -1,4 +1,4 @@
-// list and sort_zpk_by_dep_order through the built binary.
+// list, uninstall and sort_zpk_by_dep_order through the built binary.
 #include <gtest/gtest.h>
 
 #include "tool_runner.h"
@@ -28,6 +28,13 @@ TEST(E2eList, AllNamesOnlyAndDependents) {
               "top-1.0: about top\nmid-1.0: about mid\n");
     EXPECT_EQ(device.quorpkg({"list", "--name", "--depend-on=mid"}).out, "top\n");
     device.expect({"list", "--depend-on", "top"}, "", 0);
+
+    // A wrong name refuses the whole request; names are taken dependents
+    // first and once.
+    device.expect({"uninstall", "mid", "ghost"}, "", 1);
+    EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "Other\nbase\nmid\ntop\n");
+    device.expect({"uninstall", "base", "top", "mid", "base"}, "", 0);
+    EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "Other\n");
 }
 
 TEST(E2eList, SortPrintsFilesRequirementsFirstAsTyped) {

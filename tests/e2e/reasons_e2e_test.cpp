@@ -5,8 +5,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <sstream>
-
 #include "base/file_util.h"
 #include "server_fixture.h"
 #include "tool_runner.h"
@@ -21,11 +19,9 @@ protected:
     // The lines of the platform log written since the last call.
     std::vector<std::string> newLines() {
         const std::string text = readFile(device.root().host("/var/log/quorpkg.log")).value_or("");
-        std::vector<std::string> lines;
-        std::istringstream stream(text.substr(std::min(seen_, text.size())));
-        for (std::string line; std::getline(stream, line);) lines.push_back(line);
+        const size_t from = std::min(seen_, text.size());
         seen_ = text.size();
-        return lines;
+        return test::textLines(std::string_view(text).substr(from));
     }
 
     // Runs quorpkg, checks its output, and expects one new log line that
@@ -94,7 +90,7 @@ TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
     refused({"install", rawPackage("sum.zpk", {test::fileEntry("bin/raw", "x")}, "other bytes")},
             "Failed to install package sum.zpk, error = [112]\n",
             {": 112 ", "sum.zpk", "checksum mismatch of package.tgz"});
-    refused({"query", "missing.zpk"}, "Failed to query package missing.zpk, 110\n",
+    refused({"query", "missing.zpk", "more"}, "Failed to query package missing.zpk, 110\n",
             {"queryPackageFileInfo missing.zpk: 110", "missing.zpk"});
 
     PackageSource failing = test::packageSource("failing");

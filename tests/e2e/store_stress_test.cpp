@@ -4,7 +4,6 @@
 //
 // Rounds are drawn from a seed that each test prints; QUOR_TEST_SEED=<n>
 // replays one.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,35 +12,21 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <map>
 #include <random>
 #include <thread>
 
-#include "base/file_util.h"
 #include "tool_runner.h"
 
 namespace quor::e2e {
 namespace {
 
-using Snapshot = std::map<std::string, std::string>;
+using test::Snapshot;
 
-// Every file and link of the store with its content or target. Logs,
-// caches (the index of installed packages, which `list` checks against the
-// store) and run-time state (the lock, active marks) are not part of it;
-// empty folders do not count.
+// The store: logs, caches (the index of installed packages, which `list`
+// checks against the store) and run-time state (the lock, active marks) are
+// not part of it.
 Snapshot snapshot(const fs::path& root) {
-    Snapshot out;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        const std::string relative = entry.path().lexically_relative(root).string();
-        if (relative.rfind("var/log/", 0) == 0 || relative.rfind("var/cache/", 0) == 0 ||
-            relative.rfind("run/", 0) == 0)
-            continue;
-        if (entry.is_symlink())
-            out[relative] = "-> " + fs::read_symlink(entry.path()).string();
-        else if (entry.is_regular_file())
-            out[relative] = readFile(entry.path()).value_or("?");
-    }
-    return out;
+    return test::snapshot(root, {"var/log/", "var/cache/", "run/"});
 }
 
 unsigned testSeed() {
@@ -51,25 +36,6 @@ unsigned testSeed() {
     std::cout << "seed " << seed << " (replay with QUOR_TEST_SEED=" << seed << ")\n";
     ::testing::Test::RecordProperty("seed", std::to_string(seed));
     return seed;
-}
-
-// quorpkg started in the background, its output discarded.
-pid_t startQuorpkg(const std::vector<std::string>& args, const fs::path& workDir) {
-    std::vector<std::string> words = {QUORPKG_BINARY};
-    words.insert(words.end(), args.begin(), args.end());
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        int devNull = ::open("/dev/null", O_WRONLY);
-        ::dup2(devNull, STDOUT_FILENO);
-        ::dup2(devNull, STDERR_FILENO);
-        if (::chdir(workDir.c_str()) != 0) ::_exit(127);
-        std::vector<char*> argv;
-        for (std::string& word : words) argv.push_back(word.data());
-        argv.push_back(nullptr);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    return pid;
 }
 
 test::PackageSource version(const std::string& number) {
@@ -144,7 +110,7 @@ TEST_F(StoreStress, AKillAtAnyMomentLeavesTheOldOrTheNewStore) {
 
         // Anywhere from the start to a little after the slowest change.
         const auto delay = std::chrono::microseconds(random() % (longest.count() * 11 / 10 + 1));
-        pid_t pid = startQuorpkg(args, device.packageDir());
+        pid_t pid = startProgram(QUORPKG_BINARY, args, device.packageDir());
         std::this_thread::sleep_for(delay);
         ::kill(pid, SIGKILL);
         int status = 0;

@@ -9,27 +9,31 @@
 
 namespace quor::e2e {
 
-RunResult runProgram(const std::string& program, const std::vector<std::string>& args,
-                     const fs::path& workDir) {
-    int pipeFds[2];
-    if (::pipe(pipeFds) != 0) throw std::runtime_error("pipe");
+pid_t startProgram(const std::string& program, const std::vector<std::string>& args,
+                   const fs::path& workDir, int outFd) {
     std::vector<std::string> words = {program};
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
-
     pid_t pid = ::fork();
     if (pid == 0) {
-        ::dup2(pipeFds[1], STDOUT_FILENO);
-        int devNull = ::open("/dev/null", O_WRONLY);
+        const int devNull = ::open("/dev/null", O_WRONLY);
+        ::dup2(outFd >= 0 ? outFd : devNull, STDOUT_FILENO);
         ::dup2(devNull, STDERR_FILENO);
-        ::close(pipeFds[0]);
-        ::close(pipeFds[1]);
+        if (outFd >= 0) ::close(outFd);
         if (::chdir(workDir.c_str()) != 0) ::_exit(127);
         ::execv(program.c_str(), argv.data());
         ::_exit(127);
     }
+    return pid;
+}
+
+RunResult runProgram(const std::string& program, const std::vector<std::string>& args,
+                     const fs::path& workDir) {
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    const pid_t pid = startProgram(program, args, workDir, pipeFds[1]);
     ::close(pipeFds[1]);
     RunResult result;
     char buffer[4096];

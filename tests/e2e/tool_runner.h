@@ -1,6 +1,8 @@
 // Runs the built binaries against a temporary system root with two volumes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -15,6 +17,11 @@ struct RunResult {
     int status = -1;  // exit status; -1 when the process did not exit
     std::string out;  // everything written to standard output
 };
+
+// Starts `program` with `args` in `workDir`, its standard output going to
+// `outFd` (-1: discarded) and standard error discarded; returns its pid.
+pid_t startProgram(const std::string& program, const std::vector<std::string>& args,
+                   const fs::path& workDir, int outFd = -1);
 
 // Runs `program` with `args` in `workDir`, standard error discarded, and
 // waits for it.

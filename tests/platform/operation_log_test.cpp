@@ -6,8 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <sstream>
-
 #include "base/capped_file.h"
 #include "base/file_util.h"
 #include "base/result.h"
@@ -22,10 +20,7 @@ using QUORPackageTool::PackageManager;
 constexpr auto npos = std::string::npos;
 
 std::vector<std::string> linesOf(const fs::path& file) {
-    std::istringstream text(readFile(file).value_or(""));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(text, line);) lines.push_back(line);
-    return lines;
+    return textLines(readFile(file).value_or(""));
 }
 
 TEST(OperationResult, EachManagerKeepsItsOwnAndSeesLaterStaticFailures) {

@@ -1,5 +1,6 @@
 // Package files: building, querying, unpacking, and refusing hostile or
-// broken files with the right code before anything is written.
+// broken files with the right code before anything is written, also damage
+// that libarchive alone lets through.
 #include "quorpkg/package/package_file.h"
 
 #include <archive_entry.h>
@@ -32,13 +33,15 @@ protected:
         return {dir_.path() / "out/payload", dir_.path() / "out/scripts", dir_.path() / "out/conf"};
     }
 
-    // Unpacks `file`, expecting `code`; a refused file leaves nothing behind.
-    int unpack(const fs::path& file) {
+    // Unpacks `file` into a fresh out/; a refused file leaves nothing behind.
+    int unpack(const fs::path& file) { return unpack(file, targets()); }
+    int unpack(const fs::path& file, const UnpackTargets& where) {
+        fs::remove_all(dir_.path() / "out");
         PackageFileHead head;
         int code = readPackageHead(file, head);
         if (code != kOk) return code;
         std::string error;
-        code = unpackPackage(file, head, targets(), &error);
+        code = unpackPackage(file, head, where, &error);
         if (code != kOk) {
             EXPECT_FALSE(error.empty());
             EXPECT_FALSE(fs::exists(dir_.path() / "out")) << "written before refusing";
@@ -250,9 +253,7 @@ TEST_F(PackageFileTest, RefusesUnreadableAndTruncatedFiles) {
     EXPECT_EQ(readPackageHead(dir_.path() / "text.zpk", head), kFileUnreadable);
 
     test::PackageSource pkg;
-    std::string noise;
-    for (unsigned i = 0; noise.size() < 50000; i = i * 1103515245u + 12345u) noise += char(i >> 16);
-    pkg.files = {{"data.bin", noise}};
+    pkg.files = {{"data.bin", test::noiseBytes(50000, 0)}};
     fs::path good = test::buildTestPackage(dir_.path(), pkg);
     // The whole package file compressed is not a package file.
     test::writeText(dir_.path() / "gz.zpk",
@@ -269,8 +270,17 @@ TEST_F(PackageFileTest, RefusesUnreadableAndTruncatedFiles) {
         test::writeText(file, bytes.substr(0, cut));
         ASSERT_EQ(readPackageHead(file, head), kFileUnreadable);
     }
-    test::writeText(dir_.path() / "whole.zpk", bytes.substr(0, dataEnd + 1024));
-    EXPECT_EQ(readPackageHead(dir_.path() / "whole.zpk", head), kOk);
+    // So is a file cut inside the end-of-archive marker.
+    for (size_t cut : {dataEnd + 1, dataEnd + 511, dataEnd + 512, dataEnd + 513, dataEnd + 1023}) {
+        SCOPED_TRACE(cut - dataEnd);
+        test::writeText(dir_.path() / "cut.zpk", bytes.substr(0, cut));
+        EXPECT_EQ(readPackageHead(dir_.path() / "cut.zpk", head), kFileUnreadable);
+    }
+    // The whole marker, with or without the padding of a full record.
+    for (size_t length : {dataEnd + 1024, bytes.size()}) {
+        test::writeText(dir_.path() / "whole.zpk", bytes.substr(0, length));
+        EXPECT_EQ(readPackageHead(dir_.path() / "whole.zpk", head), kOk);
+    }
 }
 
 TEST_F(PackageFileTest, QuerySkipsPayloadAndUnpackChecksItFirst) {
@@ -312,6 +322,40 @@ TEST_F(PackageFileTest, QuerySkipsPayloadAndUnpackChecksItFirst) {
                            test::fileEntry("package.tgz", payload)});
     EXPECT_EQ(unpack(noSum), kOk);
     EXPECT_EQ(readFile(targets().payload / "f"), std::string(5000, 'p'));
+}
+
+TEST_F(PackageFileTest, ADamagedGzipPayloadIsRefusedBeforeWriting) {
+    // Noise makes deflate store the bytes as they are: a flipped byte in
+    // them decompresses without any error of its own.
+    const std::string good =
+        test::tarBytes({test::fileEntry("f", test::noiseBytes(20000, 7))}, TarFilter::kGzip);
+    ASSERT_EQ(unpack(handMade(good)), kOk);
+    auto flipped = [&](size_t at) {
+        std::string bytes = good;
+        bytes[at] = char(bytes[at] ^ 0x01);
+        return bytes;
+    };
+    // In the data, in the trailer's crc and length, no trailer, junk after it.
+    for (const std::string& payload :
+         {flipped(good.size() / 2), flipped(good.size() - 8), flipped(good.size() - 1),
+          good.substr(0, good.size() - 8), good + "junk"}) {
+        SCOPED_TRACE(payload.size());
+        EXPECT_EQ(unpack(handMade(payload)), kFileUnreadable);
+    }
+}
+
+TEST_F(PackageFileTest, APayloadLargerThanItsAllowanceIsRefusedBeforeWriting) {
+    // 8 MiB of zeros pack into a few KiB.
+    const std::string payload = test::tarBytes(
+        {test::dirEntry("share"), test::fileEntry("share/zeros", std::string(8 << 20, '\0'))},
+        TarFilter::kGzip);
+    ASSERT_LT(payload.size(), 64u << 10);
+    const fs::path file = handMade(payload);
+    UnpackTargets where = targets();
+    where.spaceAllowance = 4 << 20;
+    EXPECT_EQ(unpack(file, where), kNoSpace);
+    where.spaceAllowance = 9 << 20;
+    EXPECT_EQ(unpack(file, where), kOk);
 }
 
 }  // namespace

@@ -7,17 +7,11 @@
 
 #include <functional>
 
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_signer.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -52,16 +46,13 @@ TarEntry& member(Members& members, const std::string& name) {
     throw std::runtime_error("no member " + name);
 }
 
-class PackageSignature : public ::testing::Test {
+class PackageSignature : public StoreTest {
 protected:
     void SetUp() override {
-        volume = root.addVolume(1);
-        QUORPackageTool::PackageManager manager;
-        ASSERT_TRUE(manager.init());
         PackageSource source;
         source.scripts = {{"postinst", "#!/bin/sh\necho installed >> \"$QUOR_ROOT/trace\"\n"}};
         source.conf = {{"demo.conf", "level=1\n"}};
-        unsigned_ = buildTestPackage(files.path(), source);
+        unsigned_ = build(source);
         signed_ = files.path() / "signed.zpk";
         ASSERT_EQ(signPackage(unsigned_, signed_, publisher), kOk);
     }
@@ -81,12 +72,10 @@ protected:
 
     // Installs `file`; a refusal must leave the store and volume untouched.
     int install(const fs::path& file) {
-        InstallRequest request;
-        request.file = file;
-        int code = installPackage(request, serviceHooks());
+        int code = installFile(file);
         if (code != kOk) {
             EXPECT_FALSE(isInstalled("demo"));
-            EXPECT_TRUE(fs::is_empty(volume / "@appstore")) << "staging left behind";
+            EXPECT_TRUE(fs::is_empty(volume1 / "@appstore")) << "staging left behind";
             EXPECT_FALSE(fs::exists(root.host("/trace"))) << "a script ran";
         } else {
             EXPECT_EQ(removePackages({"demo"}, serviceHooks()), kOk);
@@ -97,9 +86,6 @@ protected:
 
     std::string log() const { return readFile(layout::logFile("demo")).value_or(""); }
 
-    TempRoot root;
-    TempDir files;
-    fs::path volume;
     SigningKey publisher = SigningKey::generate().value();
     SigningKey stranger = SigningKey::generate().value();
     fs::path unsigned_, signed_;

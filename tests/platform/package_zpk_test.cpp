@@ -27,8 +27,15 @@ Output run(const fs::path& dir, const std::string& command) {
             readFile(dir / "stderr").value_or("")};
 }
 
-TEST(PackageZpk, BuildsAndShowsPackages) {
+class PackageZpk : public ::testing::Test {
+protected:
+    // zpk <args>, run in the test's folder.
+    Output zpk(const std::string& args) const { return run(dir.path(), ZPK_BINARY " " + args); }
+
     test::TempDir dir;
+};
+
+TEST_F(PackageZpk, BuildsAndShowsPackages) {
     test::PackageSource pkg;
     pkg.name = "tool";
     pkg.version = "3.0";
@@ -36,13 +43,11 @@ TEST(PackageZpk, BuildsAndShowsPackages) {
     pkg.scripts = {{"start-stop-status", "#!/bin/sh\n"}};
     fs::path source = dir.path() / "src";
     test::writePackageSource(source, pkg);
-    const std::string zpk = ZPK_BINARY;
     fs::path file = dir.path() / "tool.zpk";
 
-    Output built =
-        run(dir.path(), zpk + " build " + source.string() + " -o " + file.string() + " --zstd");
+    Output built = zpk("build " + source.string() + " -o " + file.string() + " --zstd");
     ASSERT_EQ(built.status, 0) << built.err;
-    Output info = run(dir.path(), zpk + " info " + file.string());
+    Output info = zpk("info " + file.string());
     ASSERT_EQ(info.status, 0) << info.err;
     for (const char* expected :
          {"package:     tool\n", "version:     3.0\n", "description: A tool\n",
@@ -51,22 +56,21 @@ TEST(PackageZpk, BuildsAndShowsPackages) {
         EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
     EXPECT_TRUE(info.err.empty());
 
-    Output missing = run(dir.path(), zpk + " info " + (dir.path() / "none.zpk").string());
+    Output missing = zpk("info " + (dir.path() / "none.zpk").string());
     EXPECT_EQ(missing.status, 1);
     EXPECT_TRUE(missing.out.empty());
     EXPECT_NE(missing.err.find("zpk: "), std::string::npos);
     fs::remove(source / "INFO");
-    Output bad = run(dir.path(), zpk + " build " + source.string() + " -o " + file.string());
+    Output bad = zpk("build " + source.string() + " -o " + file.string());
     EXPECT_EQ(bad.status, 1);
     EXPECT_NE(bad.err.find("INFO"), std::string::npos);
-    EXPECT_EQ(run(dir.path(), zpk + " build " + source.string()).status, 2);  // no -o
-    EXPECT_EQ(run(dir.path(), zpk + " frobnicate").status, 2);
+    EXPECT_EQ(zpk("build " + source.string()).status, 2);  // no -o
+    EXPECT_EQ(zpk("frobnicate").status, 2);
 }
 
 // The slips authors make most, each reported with its file and line, all in
 // one run; a build refuses the same folder and writes nothing.
-TEST(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
-    test::TempDir dir;
+TEST_F(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
     const fs::path src = dir.path() / "src";
     test::writeText(src / "INFO",
                     "package=\"my tool\"\nversion=\"1.0\"\nversion=\"2\"\n"
@@ -97,13 +101,12 @@ TEST(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
         "/scripts/start-stop-status:1: the #! line ends in a carriage return (CRLF line "
         "endings): the interpreter will not be found\n" +
         s + "/script: unknown folder, left out of the package (did you mean scripts/?)\n";
-    const std::string zpk = ZPK_BINARY;
-    Output checked = run(dir.path(), zpk + " check " + s);
+    Output checked = zpk("check " + s);
     EXPECT_EQ(checked.status, 1);
     EXPECT_EQ(checked.err, expected + "zpk: " + s + ": 12 problems\n");
     EXPECT_TRUE(checked.out.empty());
     const fs::path file = dir.path() / "tool.zpk";
-    Output built = run(dir.path(), zpk + " build " + s + " -o " + file.string());
+    Output built = zpk("build " + s + " -o " + file.string());
     EXPECT_EQ(built.status, 1);
     EXPECT_EQ(built.err, expected + "zpk: " + s + ": 12 problems, nothing built\n");
     EXPECT_FALSE(fs::exists(file));
@@ -116,18 +119,17 @@ TEST(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
     test::writeText(src / "scripts/start-stop-status", "#!/bin/sh\nexit 0\n", 0755);
     fs::permissions(src / "scripts/postinst", fs::perms::owner_exec, fs::perm_options::add);
     test::writeText(src / "scripts/preinst", "#!/bin/sh\nexit 0\n", 0755);
-    checked = run(dir.path(), zpk + " check " + s);
+    checked = zpk("check " + s);
     EXPECT_EQ(checked.status, 0) << checked.err;
     EXPECT_EQ(checked.err, s + "/INFO:3: warning: unknown key: pakage\n");
-    ASSERT_EQ(run(dir.path(), zpk + " build " + s + " -o " + file.string()).status, 0);
-    checked = run(dir.path(), zpk + " check " + file.string());
+    ASSERT_EQ(zpk("build " + s + " -o " + file.string()).status, 0);
+    checked = zpk("check " + file.string());
     EXPECT_EQ(checked.status, 0) << checked.err;
 }
 
 // A package file made by hand: what an install would refuse is named, and
 // `contents` still lists every payload entry.
-TEST(PackageZpk, ChecksAndListsAPackageFile) {
-    test::TempDir dir;
+TEST_F(PackageZpk, ChecksAndListsAPackageFile) {
     const std::string payload = test::tarBytes(
         {test::dirEntry("bin"), test::fileEntry("bin/tool", "#!/bin/sh\n", 0755),
          test::symlinkEntry("bin/sh", "../../bin/sh"), test::fileEntry("../escape", "x")},
@@ -140,8 +142,7 @@ TEST(PackageZpk, ChecksAndListsAPackageFile) {
                           test::fileEntry("package.tgz", payload),
                           test::fileEntry("scripts/postinst", "#!/bin/sh\r\n")});
     const std::string f = file.string();
-    const std::string zpk = ZPK_BINARY;
-    Output checked = run(dir.path(), zpk + " check " + f);
+    Output checked = zpk("check " + f);
     EXPECT_EQ(checked.status, 1);
     EXPECT_EQ(checked.err,
               f + "/INFO:2: invalid version: 1 0\n" + f +
@@ -151,30 +152,28 @@ TEST(PackageZpk, ChecksAndListsAPackageFile) {
                   "/package.tgz: refused entry: unsafe entry name: ../escape\n" + "zpk: " + f +
                   ": 4 problems\n");
 
-    Output listed = run(dir.path(), zpk + " contents " + f);
+    Output listed = zpk("contents " + f);
     EXPECT_EQ(listed.status, 0) << listed.err;
     EXPECT_NE(listed.out.find("-rwxr-xr-x         10 "), std::string::npos) << listed.out;
     EXPECT_NE(listed.out.find(" bin/sh -> ../../bin/sh\n"), std::string::npos) << listed.out;
     EXPECT_NE(listed.out.find(" ../escape\n"), std::string::npos) << listed.out;
-    EXPECT_EQ(run(dir.path(), zpk + " contents " + (dir.path() / "none.zpk").string()).status, 1);
-    EXPECT_EQ(run(dir.path(), zpk + " contents").status, 2);
+    EXPECT_EQ(zpk("contents " + (dir.path() / "none.zpk").string()).status, 1);
+    EXPECT_EQ(zpk("contents").status, 2);
 }
 
 // Building the same folder twice gives the same bytes; with
 // SOURCE_DATE_EPOCH set, even a copy with other file times does.
-TEST(PackageZpk, BuildsAreReproducible) {
-    test::TempDir dir;
+TEST_F(PackageZpk, BuildsAreReproducible) {
     test::PackageSource pkg;
     pkg.files = {{"bin/b", "b"}, {"bin/a", "a"}, {"share/z/y", "y"}, {"etc/conf", "c"}};
     pkg.scripts = {{"start-stop-status", "#!/bin/sh\nexit 0\n"}};
     pkg.conf = {{"resource", "{}"}};
     const fs::path src = dir.path() / "src";
     test::writePackageSource(src, pkg);
-    const std::string zpk = ZPK_BINARY;
     auto build = [&](const fs::path& from, const std::string& name, const std::string& env) {
         const fs::path out = dir.path() / name;
-        Output built = run(
-            dir.path(), env + zpk + " build " + from.string() + " -o " + out.string() + " --zstd");
+        Output built = run(dir.path(), env + ZPK_BINARY " build " + from.string() + " -o " +
+                                           out.string() + " --zstd");
         EXPECT_EQ(built.status, 0) << built.err;
         return readFile(out).value_or("");
     };
@@ -190,22 +189,20 @@ TEST(PackageZpk, BuildsAreReproducible) {
     const std::string pinned = build(src, "3.zpk", epoch);
     EXPECT_EQ(build(copy, "4.zpk", epoch), pinned);
     EXPECT_NE(build(copy, "5.zpk", ""), pinned);  // the newest file time counts
-    Output listed = run(dir.path(), zpk + " contents " + (dir.path() / "3.zpk").string());
+    Output listed = zpk("contents " + (dir.path() / "3.zpk").string());
     EXPECT_NE(listed.out.find(" 2023-11-14 22:13 bin/a\n"), std::string::npos) << listed.out;
 }
 
-TEST(PackageZpk, HelpAndVersion) {
-    test::TempDir dir;
-    const std::string zpk = ZPK_BINARY;
-    Output version = run(dir.path(), zpk + " --version");
+TEST_F(PackageZpk, HelpAndVersion) {
+    Output version = zpk("--version");
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out.rfind("zpk ", 0), 0u) << version.out;
     for (const char* command : {"build", "info", "index", "check", "contents"}) {
-        Output help = run(dir.path(), zpk + " " + command + " --help");
+        Output help = zpk(std::string(command) + " --help");
         EXPECT_EQ(help.status, 0) << command;
         EXPECT_EQ(help.out.rfind(std::string("usage: zpk ") + command, 0), 0u) << help.out;
-        EXPECT_EQ(run(dir.path(), zpk + " " + command + " --version").out, version.out);
-        EXPECT_EQ(run(dir.path(), zpk + " " + command + " --bogus").status, 2) << command;
+        EXPECT_EQ(zpk(std::string(command) + " --version").out, version.out);
+        EXPECT_EQ(zpk(std::string(command) + " --bogus").status, 2) << command;
     }
 }
 

@@ -104,7 +104,7 @@ TEST_F(ServiceTest, ScriptFailuresMapToResultCodes) {
 }
 
 TEST_F(ServiceTest, ScriptPastItsLimitIsKilledWithEverythingItStarted) {
-    setting("script_timeout=\"1\"");
+    appendSetting("script_timeout=\"1\"");
     PackageSource pkg;
     pkg.name = "hangs";
     // The grandchild ignores TERM and hangs up; only the group kill ends it.

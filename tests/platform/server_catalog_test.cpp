@@ -13,14 +13,6 @@ namespace {
 
 class ServerCatalog : public ServerTest {
 protected:
-    // The version a lookup finds, or "" with the code in lastResult().
-    static std::string lookup(const std::string& name, bool fresh = true, bool beta = false,
-                              const std::string& lang = "enu") {
-        Json::Value entry;
-        if (!QUORPackageServer::GetPackageInfoFromServer(name, entry, fresh, lang, beta)) return "";
-        return entry["version"].asString();
-    }
-
     std::string cached(const std::string& file) const {
         return readFile(layout::listDir() / file).value_or("(missing)");
     }

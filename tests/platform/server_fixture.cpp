@@ -26,6 +26,7 @@
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
 #include "quorpkg/store/store.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -33,6 +34,8 @@ namespace {
 // Bounded polling: the count is the limit, the pause only spares the CPU.
 constexpr int kPolls = 3000;
 constexpr auto kPause = std::chrono::milliseconds(20);
+
+}  // namespace
 
 bool accepts(int port) {
     UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -42,8 +45,6 @@ bool accepts(int port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return fd && ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
-
-}  // namespace
 
 HttpServer::HttpServer(const fs::path& dir) {
     const fs::path log = logDir_.path() / "http.log";
@@ -116,11 +117,11 @@ fs::path ServerTest::publish(const PackageSource& source) {
     return buildTestPackage(repo, source);
 }
 
-void ServerTest::index(const fs::path& dir) {
+void ServerTest::index(const fs::path& dir, const SigningKey* key) {
     Json::Value catalog;
     std::string error;
     ASSERT_EQ(buildCatalog(dir, catalog, &error), kOk) << error;
-    ASSERT_EQ(writeCatalogFiles(dir, catalog, &error), kOk) << error;
+    ASSERT_EQ(writeCatalogFiles(dir, catalog, &error, key), kOk) << error;
 }
 
 void ServerTest::serve() {
@@ -129,21 +130,15 @@ void ServerTest::serve() {
     writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
 }
 
-void ServerTest::setting(const std::string& line) const {
-    std::string text = readFile(layout::settingsFile()).value_or("");
-    writeText(layout::settingsFile(), text + line + "\n");
-}
-
 void ServerTest::installLocal(const PackageSource& source) {
-    TempDir dir;
-    InstallRequest request;
-    request.file = buildTestPackage(dir.path(), source);
-    ASSERT_EQ(installPackage(request, serviceHooks()), kOk);
+    ASSERT_EQ(installFile(buildTestPackage(files.path(), source)), kOk);
 }
 
-std::string ServerTest::installedVersion(const std::string& name) const {
-    Manifest manifest;
-    return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";
+std::string ServerTest::lookup(const std::string& name, bool fresh, bool beta,
+                               const std::string& lang) {
+    Json::Value entry;
+    if (!QUORPackageServer::GetPackageInfoFromServer(name, entry, fresh, lang, beta)) return "";
+    return entry["version"].asString();
 }
 
 Task ServerTest::installFromServer(const std::string& name, const std::string& volume, bool beta) {

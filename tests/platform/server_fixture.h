@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "quorpkg/package/package_signer.h"
 #include "quorpkg/server/task_file.h"
 #include "test_support.h"
 
@@ -35,6 +36,9 @@ private:
     int port_ = 0;
 };
 
+// Whether something accepts connections on the local port.
+bool accepts(int port);
+
 // A local port that refuses connections for the object's life: bound, never
 // listening.
 class ClosedPort {
@@ -44,6 +48,8 @@ public:
     ClosedPort(const ClosedPort&) = delete;
     ClosedPort& operator=(const ClosedPort&) = delete;
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+    // Free again once the object is gone.
+    int port() const { return port_; }
 
 private:
     int fd_ = -1;
@@ -60,16 +66,19 @@ protected:
 
     // Builds the package into the served folder; returns the file.
     fs::path publish(const PackageSource& pkg);
-    // Rewrites the catalog.json and catalog.hash of a folder (the served one).
+    // Rewrites the catalog.json and catalog.hash of a folder (the served
+    // one), and its catalog.json.sig when a key is given.
     void index() { index(repo); }
-    static void index(const fs::path& dir);
+    static void index(const fs::path& dir, const SigningKey* key = nullptr);
     // Indexes, starts the server and makes it the only source.
     void serve();
-    void setting(const std::string& line) const;
+    static void setting(const std::string& line) { appendSetting(line); }
 
     // Installs a package file straight into the store (as a local install).
     void installLocal(const PackageSource& pkg);
-    std::string installedVersion(const std::string& name) const;
+    // The version a lookup finds, or "" with the code in lastResult().
+    static std::string lookup(const std::string& name, bool fresh = true, bool beta = false,
+                              const std::string& lang = "enu");
 
     // What the tool does for install_from_server, then the background
     // installation's outcome. Fails the test when it is refused.

@@ -1,10 +1,7 @@
 // Resuming downloads against a web server that honours range requests:
 // nginx, started on 127.0.0.1 with a configuration, pid and logs of its own
 // in a temporary folder. Skipped where nginx is not installed.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,37 +26,12 @@ std::string findNginx() {
     return {};
 }
 
-// A port the kernel has just handed out and that is free again.
-int freePort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    int port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-        port = ntohs(address.sin_port);
-    ::close(fd);
-    return port;
-}
-
-bool accepts(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return connected;
-}
-
 // nginx in the foreground, one process, serving `dir`; everything it writes
 // stays in a temporary folder. Stopped and reaped with the object.
 class Nginx {
 public:
-    Nginx(const std::string& binary, const fs::path& dir) : port_(freePort()) {
+    // Listens on a port the kernel has just handed out and that is free again.
+    Nginx(const std::string& binary, const fs::path& dir) : port_(ClosedPort().port()) {
         const fs::path home = home_.path();
         fs::create_directories(home / "temp");
         std::string temps;
@@ -118,10 +90,7 @@ TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
     const std::string nginx = findNginx();
     if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
     PackageSource source = packageSource("big");
-    std::string noise;
-    for (unsigned i = 3; noise.size() < 300000; i = i * 1103515245u + 12345u)
-        noise += char(i >> 16);
-    source.files["share/noise"] = noise;
+    source.files["share/noise"] = noiseBytes(300000, 3);
     const fs::path file = publish(source);
     index();
     Nginx web(nginx, repo);

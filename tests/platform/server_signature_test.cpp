@@ -5,8 +5,8 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "pkg_server.h"
-#include "quorpkg/package/package_signer.h"
 #include "quorpkg/package/catalog_index.h"
+#include "quorpkg/package/package_signer.h"
 #include "quorpkg/server/package_fetch.h"
 #include "server_fixture.h"
 
@@ -19,20 +19,7 @@ protected:
         writeText(layout::trustedKeysDir() / "publisher.pub", key.publicPem());
     }
 
-    void signedIndex(const SigningKey& key) const {
-        Json::Value catalog;
-        std::string error;
-        ASSERT_EQ(buildCatalog(repo, catalog, &error), kOk) << error;
-        ASSERT_EQ(writeCatalogFiles(repo, catalog, &error, &key), kOk) << error;
-    }
-
-    // The version a lookup finds, or "" with the code in lastResult().
-    static std::string lookup(const std::string& name, bool fresh = true) {
-        Json::Value entry;
-        if (!QUORPackageServer::GetPackageInfoFromServer(name, entry, fresh, "enu", false))
-            return "";
-        return entry["version"].asString();
-    }
+    void signedIndex(const SigningKey& key) const { index(repo, &key); }
 
     std::string remembered() const {
         return readFile(layout::listDir() / "quorserver.hash.enu").value_or("");

@@ -1,4 +1,8 @@
-// Upgrade checks and upgrades against a package server.
+// Upgrade checks and upgrades against a package server, and the digest of a
+// kept catalog that cached checks read.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "base/file_util.h"
 #include "base/layout.h"
 #include "base/result.h"
@@ -115,6 +119,96 @@ TEST_F(ServerUpgrade, AFailedUpgradeKeepsThePackageAndTheOthersStillGo) {
     std::vector<PackageInfo> offered;
     EXPECT_FALSE(PMSCheckUpgrade(false, nullptr, "enu", &offered));
     EXPECT_TRUE(offered.empty());
+}
+
+// Cached upgrade checks read only the installed packages' entries of a kept
+// catalog, through its digest, and never trust a digest of another catalog.
+class CatalogDigest : public ServerUpgrade {
+protected:
+    // The upgrades a check offers, as "name version;".
+    std::string offered(bool fresh) {
+        std::vector<PackageInfo> out;
+        EXPECT_TRUE(PMSCheckUpgrade(fresh, nullptr, "enu", &out));
+        std::string text;
+        for (const PackageInfo& info : out) text += info.name + " " + info.version + ";";
+        return text;
+    }
+
+    fs::path keptCatalog() const {
+        for (const auto& entry : fs::directory_iterator(layout::listDir()))
+            if (entry.path().filename().string().find(".list.") != std::string::npos &&
+                entry.path().extension() != ".digest")
+                return entry.path();
+        return {};
+    }
+
+    // Overwrites the catalog entry of `name` in place (same file, same size).
+    void blankEntry(const std::string& name, char with) {
+        std::string text = readFile(keptCatalog()).value();
+        size_t at = text.find("\"package\" : \"" + name + "\"");
+        ASSERT_NE(at, std::string::npos);
+        size_t open = text.rfind('{', at), close = text.find('}', at);
+        ASSERT_TRUE(open != std::string::npos && close != std::string::npos);
+        UniqueFd fd(::open(keptCatalog().c_str(), O_WRONLY));
+        const std::string blank(close - open + 1, with);
+        ASSERT_EQ(::pwrite(fd.get(), blank.data(), blank.size(), static_cast<off_t>(open)),
+                  static_cast<ssize_t>(blank.size()));
+    }
+};
+
+TEST_F(CatalogDigest, CachedChecksReadOnlyTheInstalledEntries) {
+    EXPECT_EQ(offered(true), "app 1.1;lib 1.1;");
+    const fs::path digest = keptCatalog().string() + ".digest";
+    ASSERT_TRUE(fs::exists(digest));
+    EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
+    EXPECT_TRUE(QUORPackageServer::PMSCheckUpgrade(false, "lib", "enu"));
+
+    // An entry of a package that is not installed is never parsed: a kept
+    // catalog broken there still serves the check, and stays as it is.
+    blankEntry("helper", 'x');
+    const std::string broken = readFile(keptCatalog()).value();
+    EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
+    EXPECT_EQ(readFile(keptCatalog()), broken);
+    // Without the digest the whole catalog is parsed: it fails, and the
+    // catalog is downloaded again.
+    fs::remove(digest);
+    EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
+    EXPECT_NE(readFile(keptCatalog()), broken);
+}
+
+TEST_F(CatalogDigest, ADigestOutOfStepWithTheKeptCatalogIsNeverBelieved) {
+    EXPECT_EQ(offered(true), "app 1.1;lib 1.1;");
+    const fs::path list = keptCatalog();
+    const fs::path digest = list.string() + ".digest";
+    const std::string goodDigest = readFile(digest).value();
+
+    // A kept catalog rewritten (a new file) with lib at 1.9: the old digest
+    // names the old file.
+    std::string text = readFile(list).value();
+    size_t lib = text.find("\"package\" : \"lib\"");
+    size_t version = text.find("\"1.1\"", lib) + 1;
+    ASSERT_NE(version, std::string::npos);
+    text.replace(version, 3, "1.9");
+    ASSERT_TRUE(writeFileAtomic(list, text));
+    EXPECT_EQ(offered(false), "app 1.1;lib 1.9;");
+
+    // A range that points at another package's entry, or at no entry, a
+    // digest of the old file, or one that is not a digest: the whole catalog
+    // decides.
+    std::string swapped = readFile(digest).value();
+    size_t appLine = swapped.find("\napp\t") + 1, libLine = swapped.find("\nlib\t") + 1;
+    const std::string appRange =
+        swapped.substr(appLine + 3, swapped.find('\n', appLine) - appLine - 3);
+    const std::string libRange =
+        swapped.substr(libLine + 3, swapped.find('\n', libLine) - libLine - 3);
+    std::string bad = swapped;
+    bad.replace(libLine + 3, libRange.size(), appRange);
+    for (const std::string& wrong :
+         {bad, swapped.substr(0, swapped.find("\napp\t")) + "\napp\t1\t5\n", goodDigest,
+          std::string("quorpkg-catalog-digest 1\n"), std::string("junk")}) {
+        ASSERT_TRUE(writeFileAtomic(digest, wrong));
+        EXPECT_EQ(offered(false), "app 1.1;lib 1.9;") << wrong;
+    }
 }
 
 }  // namespace

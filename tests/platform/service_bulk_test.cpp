@@ -55,7 +55,7 @@ TEST_F(ServiceTest, OnOffAllStartsEnabledPackagesInOrderAndReportsTheFirstFailur
     EXPECT_EQ(packageStatus("c-base"), kStopped);
 
     // One worker takes the packages in dependency order, byte order among equals.
-    setting("parallel_jobs=\"1\"");
+    appendSetting("parallel_jobs=\"1\"");
     fs::remove(tracePath());
     fs::remove(layout::firmwareLimitsFile());
     EXPECT_FALSE(manager.serviceControlOnOffALL(true, false, nullptr, nullptr));
@@ -164,11 +164,7 @@ TEST_F(ServiceTest, ByDefaultIndependentPackagesAllStartAtOnce) {
 TEST_F(ServiceTest, FirmwareNotificationsAreAppendedAsJsonLinesInOrder) {
     ASSERT_TRUE(QUORPackageTool::NotifyStoppedByFirmware("Photo \"Station\""));
     ASSERT_TRUE(QUORPackageTool::NotifyStoppedByFirmware("Notebook"));
-    std::string text = readFile(layout::notificationsFile()).value_or("");
-    std::vector<std::string> lines;
-    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
-         start = end + 1)
-        lines.push_back(text.substr(start, end - start));
+    const auto lines = textLines(readFile(layout::notificationsFile()).value_or(""));
     ASSERT_EQ(lines.size(), 2u);
     const char* names[] = {"Photo \"Station\"", "Notebook"};
     for (size_t i = 0; i < 2; ++i) {

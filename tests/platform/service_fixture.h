@@ -68,20 +68,10 @@ protected:
         return pkg;
     }
 
-    void setting(const std::string& line) {
-        std::string text = readFile(layout::settingsFile()).value_or("");
-        writeText(layout::settingsFile(), text + line + "\n");
-    }
-
     fs::path tracePath() const { return root.path() / "trace"; }
 
     std::vector<std::string> traceLines() const {
-        std::vector<std::string> lines;
-        std::string text = readFile(tracePath()).value_or("");
-        size_t start = 0;
-        for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
-            lines.push_back(text.substr(start, end - start));
-        return lines;
+        return textLines(readFile(tracePath()).value_or(""));
     }
 
     // The trace lines of one action ("start", "stop"), in order.

@@ -1,53 +1,18 @@
 // The store against hostile surroundings: payloads that would fill the
 // volume, links planted where the store keeps its own files, leftovers of a
 // killed process, a missing root, and absurd settings.
-#include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
 #include "base/settings.h"
-#include "pkg_manager.h"
 #include "quorpkg/server/task_file.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
 
-int install(const fs::path& file) {
-    InstallRequest request;
-    request.file = file;
-    return installPackage(request, serviceHooks());
-}
-
-// A tmpfs of `size` mounted over a folder for the object's life.
-class Tmpfs {
-public:
-    Tmpfs(const fs::path& dir, const std::string& size) : dir_(dir) {
-        fs::create_directories(dir);
-        mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
-    }
-    ~Tmpfs() {
-        if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
-    }
-    bool mounted() const { return mounted_; }
-
-private:
-    fs::path dir_;
-    bool mounted_ = false;
-};
-
-class StoreHostile : public ::testing::Test {
-protected:
-    fs::path build(const PackageSource& source) { return buildTestPackage(files.path(), source); }
-
-    TempDir files;
-};
+// Tests that need a root of another kind make their own inside this one.
+using StoreHostile = StoreTest;
 
 TEST_F(StoreHostile, APayloadThatWouldEatTheVolumesReserveIsRefused) {
     TempRoot root;
@@ -62,21 +27,18 @@ TEST_F(StoreHostile, APayloadThatWouldEatTheVolumesReserveIsRefused) {
     big.files["share/zeros"] = std::string(31 << 19, '\0');
     const fs::path file = build(big);
     ASSERT_LT(fs::file_size(file), 256u << 10);
-    EXPECT_EQ(install(file), kNoSpace);
+    EXPECT_EQ(installFile(file), kNoSpace);
     EXPECT_FALSE(isInstalled("big"));
     const fs::path appstore = root.host("/volume1/@appstore");
     EXPECT_TRUE(!fs::exists(appstore) || fs::is_empty(appstore));
 
     big.files["share/zeros"] = std::string(12 << 20, '\0');
-    EXPECT_EQ(install(build(big)), kOk);
+    EXPECT_EQ(install(big), kOk);
 }
 
 TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
-    TempRoot root;
-    root.addVolume(1);
     QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
-    ASSERT_EQ(install(build(packageSource("demo"))), kOk);
+    ASSERT_EQ(install(packageSource("demo")), kOk);
     const fs::path victim = files.path() / "victim";
     const fs::path nowhere = files.path() / "nowhere";
 
@@ -85,7 +47,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
     writeText(victim, "precious\n");
     fs::remove(layout::lockFile());
     fs::create_symlink(victim, layout::lockFile());
-    EXPECT_EQ(install(build(packageSource("other"))), kStoreUnusable);
+    EXPECT_EQ(install(packageSource("other")), kStoreUnusable);
     EXPECT_EQ(readFile(victim), "precious\n");
     fs::remove(layout::lockFile());
     fs::create_symlink(nowhere, layout::lockFile());
@@ -101,7 +63,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
     fs::create_directories(layout::journalDir());
     fs::create_symlink(victim, layout::journalDir() / "demo");
     ASSERT_TRUE(manager.init());
-    ASSERT_EQ(install(build(packageSource("other"))), kOk);
+    ASSERT_EQ(install(packageSource("other")), kOk);
     EXPECT_TRUE(isInstalled("demo"));
     EXPECT_TRUE(fs::exists(victim));
     EXPECT_FALSE(fs::exists(fs::symlink_status(layout::journalDir() / "demo")));
@@ -125,10 +87,7 @@ TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {
 }
 
 TEST_F(StoreHostile, RecoveryRemovesJournalTemporariesAKillLeftBehind) {
-    TempRoot root;
-    root.addVolume(1);
     QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
     // writeFileAtomic's temporary name, as a kill between write and rename
     // leaves it.
     const fs::path leftover = layout::journalDir() / ".demo.Xy12Zq";
@@ -137,7 +96,7 @@ TEST_F(StoreHostile, RecoveryRemovesJournalTemporariesAKillLeftBehind) {
     EXPECT_FALSE(fs::exists(leftover));
 
     writeText(leftover, "op=\"ins");
-    ASSERT_EQ(install(build(packageSource("demo"))), kOk);
+    ASSERT_EQ(install(packageSource("demo")), kOk);
     EXPECT_FALSE(fs::exists(leftover));
     EXPECT_TRUE(fs::is_empty(layout::journalDir()));
 }
@@ -194,16 +153,12 @@ TEST_F(StoreHostile, NumericSettingsAreClampedToSaneRanges) {
 }
 
 TEST_F(StoreHostile, PackageLogsAreCappedWithOneOlderCopy) {
-    TempRoot root;
-    root.addVolume(1);
-    QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
     // 3 MiB of numbered lines from one script.
     PackageSource noisy = packageSource("noisy");
     noisy.scripts["postinst"] =
         "#!/bin/sh\ni=0\nwhile [ $i -lt 24576 ]; do\n"
         "  printf 'line %0120d\\n' $i\n  i=$((i+1))\ndone\n";
-    ASSERT_EQ(install(build(noisy)), kOk);
+    ASSERT_EQ(install(noisy), kOk);
     const fs::path log = layout::logFile("noisy");
     const fs::path older = log.string() + ".1";
     EXPECT_LE(fs::file_size(log), 1u << 20);

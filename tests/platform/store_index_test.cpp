@@ -6,16 +6,10 @@
 
 #include <ctime>
 
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
 #include "quorpkg/package/package_file.h"
-#include "quorpkg/service/services.h"
 #include "quorpkg/store/installed_index.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -23,14 +17,8 @@ namespace {
 using QUORPackageTool::PackageInfo;
 using QUORPackageTool::PackageManager;
 
-class InstalledIndexTest : public ::testing::Test {
+class InstalledIndexTest : public StoreTest {
 protected:
-    InstalledIndexTest() {
-        root.addVolume(1);
-        PackageManager manager;
-        EXPECT_TRUE(manager.init());
-    }
-
     void install(const std::string& name, const std::string& version,
                  std::map<std::string, std::string> scripts = {}) {
         PackageSource source;
@@ -38,9 +26,7 @@ protected:
         source.version = version;
         source.info = {{"description", name + " at " + version}};
         source.scripts = std::move(scripts);
-        InstallRequest request;
-        request.file = buildTestPackage(files.path(), source);
-        ASSERT_EQ(installPackage(request, serviceHooks()), kOk) << name;
+        ASSERT_EQ(StoreTest::install(source), kOk) << name;
     }
 
     // What `quorpkg list` prints, through the manager.
@@ -67,9 +53,6 @@ protected:
         later[1] = later[0];
         ASSERT_EQ(::utimensat(AT_FDCWD, indexFile().c_str(), later, 0), 0);
     }
-
-    TempRoot root;
-    TempDir files;
 };
 
 TEST_F(InstalledIndexTest, ChangesKeepTheIndexInStepAndListingsUseIt) {

@@ -1,14 +1,6 @@
 // Installing, reinstalling and upgrading packages in a temporary system root.
-#include <gtest/gtest.h>
-
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -35,30 +27,9 @@ std::string service(const std::string& name, int startStatus = 0) {
            flag + " ] && exit 0; exit 3;;\n*) exit 1;;\nesac\n";
 }
 
-class StoreInstall : public ::testing::Test {
+class StoreInstall : public StoreTest {
 protected:
-    void SetUp() override {
-        volume1 = root.addVolume(1);
-        volume2 = root.addVolume(2);
-        QUORPackageTool::PackageManager manager;
-        ASSERT_TRUE(manager.init());
-    }
-
-    fs::path build(const PackageSource& source) { return buildTestPackage(files.path(), source); }
-
-    int install(const PackageSource& source) {
-        InstallRequest request;
-        request.file = build(source);
-        return installPackage(request, serviceHooks());
-    }
-
-    std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
     void clearTrace() const { fs::remove(root.host("/trace")); }
-
-    std::string installedVersion(const std::string& name) const {
-        Manifest manifest;
-        return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";
-    }
 
     static std::vector<std::string> entries(const fs::path& dir) {
         std::vector<std::string> names;
@@ -68,9 +39,7 @@ protected:
         return names;
     }
 
-    TempRoot root;
-    TempDir files;
-    fs::path volume1, volume2;
+    fs::path volume2 = root.addVolume(2);
 };
 
 TEST_F(StoreInstall, NewPackageLandsWholeWithScriptsConfVarAndWebEntry) {

@@ -6,16 +6,11 @@
 #include <random>
 #include <set>
 
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
 #include "quorpkg/api/package_record.h"
 #include "quorpkg/package/manifest.h"
-#include "quorpkg/service/services.h"
 #include "quorpkg/store/dependencies.h"
-#include "quorpkg/store/installer.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -118,22 +113,15 @@ TEST(StoreOrder, SortMatchesTheSlowDefinitionOnLargeRandomSets) {
     }
 }
 
-class StoreListing : public ::testing::Test {
+class StoreListing : public StoreTest {
 protected:
-    void SetUp() override { root.addVolume(1); }
-
     void add(const std::string& name, const std::string& needs = "") {
         PackageSource source;
         source.name = name;
         source.info = {{"description", "about " + name}};
         if (!needs.empty()) source.info.emplace_back("install_dep_packages", needs);
-        InstallRequest request;
-        request.file = buildTestPackage(files.path(), source);
-        ASSERT_EQ(installPackage(request, serviceHooks()), kOk) << name;
+        ASSERT_EQ(install(source), kOk) << name;
     }
-
-    TempRoot root;
-    TempDir files;
 };
 
 TEST_F(StoreListing, DependentsComeBeforeWhatTheyNeedAndTheNamedPackageLast) {
@@ -186,12 +174,12 @@ TEST_F(StoreListing, ListsInByteOrderAndWorksWithoutInit) {
     EXPECT_EQ(manager.getResult(), kNoSuchPackage);
 }
 
-TEST_F(StoreListing, QueryReadsTheFileAndInitPreparesTheStore) {
+TEST_F(StoreListing, QueryReadsTheFileAndInitRefusesARootThatCannotHoldTheStore) {
     PackageSource source;
     source.name = "query";
     source.info = {{"displayname", "Query Me"}, {"admin_port", "8080"}};
     source.scripts = {{"postinst", "#!/bin/sh\n"}, {"start-stop-status", "#!/bin/sh\n"}};
-    const fs::path file = buildTestPackage(files.path(), source);
+    const fs::path file = build(source);
     PackageInfo info;
     ASSERT_TRUE(PackageManager::queryPackageFileInfo(
         file.string(), info, QUORPackageTool::PKG_INSTALLATION_TYPE_NONE, nullptr));
@@ -208,8 +196,8 @@ TEST_F(StoreListing, QueryReadsTheFileAndInitPreparesTheStore) {
     EXPECT_FALSE(manager.installZPK(nullptr, "", ""));
     EXPECT_EQ(manager.getResult(), kBadArgument);
 
+    // The folders init makes are checked on a fresh root in StoreHostile.
     ASSERT_TRUE(manager.init());
-    for (const fs::path& dir : layout::requiredDirs()) EXPECT_TRUE(fs::is_directory(dir)) << dir;
     ASSERT_TRUE(manager.installZPK("/volume1", file.string(), ""));
     EXPECT_EQ(manager.enumPackages(nullptr, ~0ULL), Names{"query"});
 

@@ -1,14 +1,6 @@
 // Removing packages: all or none, dependents first, scripts around it.
-#include <gtest/gtest.h>
-
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
@@ -19,14 +11,16 @@ std::string tracer(const std::string& script, int status = 0) {
            std::to_string(status) + "\n";
 }
 
-class StoreRemove : public ::testing::Test {
-protected:
-    void SetUp() override {
-        volume = root.addVolume(1);
-        QUORPackageTool::PackageManager manager;
-        ASSERT_TRUE(manager.init());
-    }
+// A service that keeps its state in $QUOR_ROOT/<name>.running and traces
+// its stops.
+const std::string kService =
+    "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
+    "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
+    "\"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
+    "status) [ -f \"$QUOR_ROOT/$QUOR_PKG_NAME.running\" ] && exit 0; exit 3;;\nesac\n";
 
+class StoreRemove : public StoreTest {
+protected:
     // A package with tracing removal scripts that needs `needs`.
     void add(const std::string& name, const std::string& needs = "",
              std::map<std::string, std::string> scripts = {}) {
@@ -37,16 +31,10 @@ protected:
         source.files = {{"ui/index.html", name}};
         source.scripts = {{"preuninst", tracer("preuninst")}, {"postuninst", tracer("postuninst")}};
         for (auto& [script, body] : scripts) source.scripts[script] = body;
-        InstallRequest request;
-        request.file = buildTestPackage(files.path(), source);
-        ASSERT_EQ(installPackage(request, serviceHooks()), kOk) << name;
+        ASSERT_EQ(install(source), kOk) << name;
     }
 
-    std::string trace() const { return readFile(root.host("/trace")).value_or(""); }
-
-    TempRoot root;
-    TempDir files;
-    fs::path volume;
+    const fs::path& volume = volume1;
 };
 
 TEST_F(StoreRemove, GoesDependentsFirstAndLeavesNothingButTheLog) {
@@ -94,39 +82,11 @@ TEST_F(StoreRemove, RefusesTheWholeRequestWhenOneNameIsWrongOrStillNeeded) {
     EXPECT_EQ(trace(), "preuninst mid\npostuninst mid\n");
 }
 
-TEST_F(StoreRemove, StopsTheServiceFirstAndARefusingPreuninstKeepsThePackageRunning) {
-    const std::string service =
-        "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/svc.running\";;\n"
-        "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
-        "\"$QUOR_ROOT/svc.running\";;\n"
-        "status) [ -f \"$QUOR_ROOT/svc.running\" ] && exit 0; exit 3;;\nesac\n";
-    add("svc", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
-    ASSERT_TRUE(isMarkedActive("svc"));
-
-    EXPECT_EQ(removePackages({"svc"}, serviceHooks()), kScriptFailed);
-    EXPECT_EQ(trace(), "stop svc\npreuninst svc\n");
-    EXPECT_TRUE(isInstalled("svc"));
-    EXPECT_TRUE(isMarkedActive("svc"));
-    EXPECT_TRUE(fs::exists(root.host("/svc.running")));
-    EXPECT_TRUE(fs::is_empty(layout::journalDir()));
-
-    fs::remove(root.host("/trace"));
-    writeText(layout::scriptsDir("svc") / "preuninst", tracer("preuninst"), 0755);
-    ASSERT_EQ(removePackages({"svc"}, serviceHooks()), kOk);
-    EXPECT_EQ(trace(), "stop svc\npreuninst svc\npostuninst svc\n");
-    EXPECT_FALSE(isMarkedActive("svc"));
-    EXPECT_FALSE(fs::exists(root.host("/svc.running")));
-}
-
+// Services are stopped before their preuninst runs.
 TEST_F(StoreRemove, OneRefusingPreuninstKeepsEveryNamedPackageInstalledAndRunning) {
-    const std::string service =
-        "#!/bin/sh\ncase \"$1\" in\nstart) touch \"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
-        "stop) echo \"stop $QUOR_PKG_NAME\" >> \"$QUOR_ROOT/trace\"; rm -f "
-        "\"$QUOR_ROOT/$QUOR_PKG_NAME.running\";;\n"
-        "status) [ -f \"$QUOR_ROOT/$QUOR_PKG_NAME.running\" ] && exit 0; exit 3;;\nesac\n";
-    add("b", "", {{"start-stop-status", service}, {"preuninst", tracer("preuninst", 1)}});
-    add("a", "b", {{"start-stop-status", service}});
-    add("c", "", {{"start-stop-status", service}});
+    add("b", "", {{"start-stop-status", kService}, {"preuninst", tracer("preuninst", 1)}});
+    add("a", "b", {{"start-stop-status", kService}});
+    add("c", "", {{"start-stop-status", kService}});
     const fs::path appA = layout::appstoreDir(volume, "a");
 
     EXPECT_EQ(removePackages({"c", "b", "a"}, serviceHooks()), kScriptFailed);
@@ -141,6 +101,19 @@ TEST_F(StoreRemove, OneRefusingPreuninstKeepsEveryNamedPackageInstalledAndRunnin
     }
     EXPECT_TRUE(fs::exists(appA / "ui/index.html"));
     EXPECT_TRUE(fs::is_empty(layout::journalDir()));
+
+    // Put right, the same request goes through.
+    fs::remove(root.host("/trace"));
+    writeText(layout::scriptsDir("b") / "preuninst", tracer("preuninst"), 0755);
+    ASSERT_EQ(removePackages({"c", "b", "a"}, serviceHooks()), kOk);
+    EXPECT_EQ(trace(),
+              "stop c\npreuninst c\nstop a\npreuninst a\nstop b\npreuninst b\n"
+              "postuninst c\npostuninst a\npostuninst b\n");
+    EXPECT_TRUE(installedPackages().empty());
+    for (const char* name : {"a", "b", "c"}) {
+        EXPECT_FALSE(isMarkedActive(name)) << name;
+        EXPECT_FALSE(fs::exists(root.host("/" + std::string(name) + ".running"))) << name;
+    }
 }
 
 TEST_F(StoreRemove, ABrokenPackageCanStillBeRemoved) {

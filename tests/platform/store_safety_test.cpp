@@ -1,49 +1,26 @@
 // The store survives bad input, failing scripts, processes killed at any
 // step of a change, and changes that run at the same time.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <functional>
 #include <map>
+#include <optional>
 
-#include "base/file_util.h"
 #include "base/layout.h"
-#include "base/result.h"
-#include "pkg_manager.h"
-#include "quorpkg/service/services.h"
-#include "quorpkg/store/installer.h"
 #include "quorpkg/store/lock.h"
-#include "quorpkg/store/store.h"
-#include "test_support.h"
+#include "store_fixture.h"
 
 namespace quor::test {
 namespace {
 
-using Snapshot = std::map<std::string, std::string>;
-
-// Every file and link under the root with its content or target, relative
-// to the root so that two roots compare. Logs and the lock file are not
-// part of the store, nor is the index of installed packages (it records
-// file identities, which differ between roots; listedAsStored checks it);
-// empty folders do not count.
+// Logs and the lock file are not part of the store, nor is the index of
+// installed packages (it records file identities, which differ between
+// roots; expectListedAsStored checks it).
 Snapshot snapshot(const fs::path& root) {
-    Snapshot out;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        const std::string relative = entry.path().lexically_relative(root).string();
-        if (relative == "run/quorpkg/lock" || relative.rfind("var/log/", 0) == 0 ||
-            relative == "var/cache/quorpkg/installed")
-            continue;
-        if (entry.is_symlink()) {
-            out[relative] = "-> " + fs::read_symlink(entry.path()).string();
-        } else if (entry.is_regular_file()) {
-            out[relative] = readFile(entry.path()).value_or("?");
-        }
-    }
-    return out;
+    return test::snapshot(root, {"run/quorpkg/lock", "var/log/", "var/cache/quorpkg/installed"});
 }
 
 // The listing through the manager (from the index where it is current)
@@ -68,21 +45,13 @@ void expectListedAsStored() {
 // Runs `change` in a child process with QUOR_FAILPOINT set to `step`; true
 // when the child died there.
 bool killedAt(const std::string& step, const std::function<int()>& change) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::setenv("QUOR_FAILPOINT", step.c_str(), 1);
-        ::_exit(change() == kOk ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    return inChild([&] {
+               ::setenv("QUOR_FAILPOINT", step.c_str(), 1);
+               return change() == kOk ? 0 : 1;
+           }) == -SIGKILL;
 }
 
-int install(const fs::path& file) {
-    InstallRequest request;
-    request.file = file;
-    return installPackage(request, serviceHooks());
-}
+const auto install = installFile;
 
 class StoreSafety : public ::testing::Test {
 protected:
@@ -262,27 +231,9 @@ TEST_F(StoreSafety, TwoInstallsStartedAtOnceRunOneAfterTheOther) {
 TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     Device device(nullptr);
     writeSettings("lock_timeout=\"0\"\n");
-    int held[2], release[2];
-    ASSERT_EQ(::pipe(held), 0);
-    ASSERT_EQ(::pipe(release), 0);
-    pid_t holder = ::fork();
-    if (holder == 0) {
-        int code = kOk;
-        auto lock = StoreLock::acquire(code);
-        char byte = lock ? 1 : 0;
-        ::close(held[0]);
-        if (::write(held[1], &byte, 1) != 1) ::_exit(2);
-        ::close(release[1]);
-        // Holds the lock until the test closes its end of the pipe.
-        ::_exit(::read(release[0], &byte, 1) == 0 ? 0 : 3);
-    }
-    ::close(held[1]);
-    ::close(release[0]);
-    char byte = 0;
-    ASSERT_EQ(::read(held[0], &byte, 1), 1);
-    ASSERT_EQ(byte, 1);
-
-    EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder) + "\n");
+    std::optional<LockHolder> holder(std::in_place);
+    ASSERT_TRUE(holder->locked());
+    EXPECT_EQ(readFile(layout::lockFile()), std::to_string(holder->pid()) + "\n");
     EXPECT_EQ(install(build(PackageSource{})), kLocked);
     EXPECT_EQ(removePackages({"demo"}, serviceHooks()), kLocked);
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
@@ -292,47 +243,10 @@ TEST_F(StoreSafety, LockHolderIsRecordedWaitersGiveUpAndScriptsInheritIt) {
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
     ::unsetenv("QUOR_PKG_LOCK_HELD");
 
-    ::close(release[1]);
-    int status = 0;
-    ::waitpid(holder, &status, 0);
-    ::close(held[0]);
+    holder.reset();
     EXPECT_EQ(install(build(PackageSource{})), kOk);
     EXPECT_EQ(readFile(layout::lockFile()), "");
 }
-
-// The code of `change` run in a child process whose writes fail past
-// `bytes` (EFBIG, with SIGXFSZ ignored), as they fail on a full disk: a
-// full volume that needs no privileges to make.
-int withFileSizeLimit(rlim_t bytes, const std::function<int()>& change) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{bytes, bytes};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(255);
-        ::_exit(change());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// A small tmpfs mounted over a folder for the object's life.
-class SmallVolume {
-public:
-    SmallVolume(const fs::path& dir, const char* size) : dir_(dir) {
-        fs::create_directories(dir);
-        const std::string options = std::string("size=") + size;
-        mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
-    }
-    ~SmallVolume() {
-        if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
-    }
-    bool mounted() const { return mounted_; }
-
-private:
-    fs::path dir_;
-    bool mounted_ = false;
-};
 
 // An upgrade and a new install that do not fit, against demo 1.0 with data
 // that must survive: each is refused with kNoSpace and the store is as before.
@@ -340,7 +254,7 @@ void expectFullVolumeKeepsTheStore(const fs::path& root, const fs::path& files,
                                    const std::function<int(const fs::path&)>& install) {
     QUORPackageTool::PackageManager manager;
     ASSERT_TRUE(manager.init());
-    ASSERT_EQ(quor::test::install(buildTestPackage(files, demo("1.0", "one"))), kOk);
+    ASSERT_EQ(installFile(buildTestPackage(files, demo("1.0", "one"))), kOk);
     writeText(layout::varDir("demo") / "data", "kept");
     const Snapshot old = snapshot(root);
 
@@ -373,7 +287,7 @@ TEST_F(StoreSafety, AFullVolumeRefusesTheChangeAndKeepsTheStore) {
 // The same on a real full file system (ENOSPC), where mounting is allowed.
 TEST_F(StoreSafety, AFullTmpfsVolumeRefusesTheChangeAndKeepsTheStore) {
     TempRoot root;
-    SmallVolume volume(root.host("/volume1"), "1m");
+    Tmpfs volume(root.host("/volume1"), "1m");
     if (!volume.mounted()) GTEST_SKIP() << "mounting a tmpfs needs privileges this run lacks";
     expectFullVolumeKeepsTheStore(root.path(), files.path(), install);
 }

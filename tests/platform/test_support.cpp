@@ -3,16 +3,24 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <openssl/evp.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 
+#include "base/file_util.h"
 #include "base/key_value.h"
 #include "base/layout.h"
+#include "base/result.h"
 #include "quorpkg/package/package_writer.h"
+#include "quorpkg/store/lock.h"
+#include "quorpkg/store/store.h"
 
 namespace quor::test {
 namespace {
@@ -80,6 +88,11 @@ void writeSettings(std::string_view lines) {
     writeText(layout::settingsFile(), std::string(lines) + "lock_timeout=\"2\"\n");
 }
 
+void appendSetting(std::string_view line) {
+    const std::string text = readFile(layout::settingsFile()).value_or("");
+    writeText(layout::settingsFile(), text + std::string(line) + "\n");
+}
+
 void writeText(const fs::path& file, std::string_view content, mode_t mode) {
     if (file.has_parent_path()) fs::create_directories(file.parent_path());
     {
@@ -92,11 +105,7 @@ void writeText(const fs::path& file, std::string_view content, mode_t mode) {
 
 PackageSource packageSource(std::string name, std::string version,
                             std::vector<std::pair<std::string, std::string>> info) {
-    PackageSource pkg;
-    pkg.name = std::move(name);
-    pkg.version = std::move(version);
-    pkg.info = std::move(info);
-    return pkg;
+    return {.name = std::move(name), .version = std::move(version), .info = std::move(info)};
 }
 
 void writePackageSource(const fs::path& dir, const PackageSource& pkg) {
@@ -130,40 +139,23 @@ fs::path buildTestPackage(const fs::path& outDir, const PackageSource& pkg,
 }
 
 TarEntry fileEntry(std::string name, std::string data, mode_t perm) {
-    TarEntry entry;
-    entry.name = std::move(name);
-    entry.data = std::move(data);
-    entry.perm = perm;
-    return entry;
+    return {.name = std::move(name), .data = std::move(data), .perm = perm};
 }
 
 TarEntry dirEntry(std::string name, mode_t perm) {
-    TarEntry entry;
-    entry.name = std::move(name);
-    entry.type = AE_IFDIR;
-    entry.perm = perm;
-    return entry;
+    return {.name = std::move(name), .type = AE_IFDIR, .perm = perm};
 }
 
 TarEntry symlinkEntry(std::string name, std::string target) {
-    TarEntry entry;
-    entry.name = std::move(name);
-    entry.type = AE_IFLNK;
-    entry.perm = 0777;
-    entry.symlink = std::move(target);
-    return entry;
+    return {.name = std::move(name), .type = AE_IFLNK, .perm = 0777, .symlink = std::move(target)};
 }
 
 TarEntry hardlinkEntry(std::string name, std::string target) {
-    TarEntry entry = fileEntry(std::move(name), "");
-    entry.hardlink = std::move(target);
-    return entry;
+    return {.name = std::move(name), .hardlink = std::move(target)};
 }
 
 TarEntry nodeEntry(std::string name, unsigned type) {
-    TarEntry entry = fileEntry(std::move(name), "");
-    entry.type = type;
-    return entry;
+    return {.name = std::move(name), .type = type};
 }
 
 std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter) {
@@ -207,6 +199,93 @@ std::string tarBytes(const std::vector<TarEntry>& entries, TarFilter filter) {
 
 void writeTar(const fs::path& file, const std::vector<TarEntry>& entries) {
     writeText(file, tarBytes(entries));
+}
+
+std::string noiseBytes(size_t size, unsigned seed) {
+    std::string noise;
+    for (unsigned i = seed; noise.size() < size; i = i * 1103515245u + 12345u)
+        noise += char(i >> 16);
+    return noise;
+}
+
+Snapshot snapshot(const fs::path& root, const std::vector<std::string>& skipped) {
+    Snapshot out;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string relative = entry.path().lexically_relative(root).string();
+        bool skip = false;
+        for (const std::string& left : skipped)
+            skip = skip || relative == left || (left.back() == '/' && relative.rfind(left, 0) == 0);
+        if (skip) continue;
+        if (entry.is_symlink())
+            out[relative] = "-> " + fs::read_symlink(entry.path()).string();
+        else if (entry.is_regular_file())
+            out[relative] = readFile(entry.path()).value_or("?");
+    }
+    return out;
+}
+
+std::vector<std::string> textLines(std::string_view text) {
+    std::vector<std::string> lines;
+    for (size_t start = 0, end; (end = text.find('\n', start)) != text.npos; start = end + 1)
+        lines.emplace_back(text.substr(start, end - start));
+    return lines;
+}
+
+std::string installedVersion(const std::string& name) {
+    Manifest manifest;
+    return readInstalledManifest(name, manifest) == kOk ? manifest.version : "";
+}
+
+Tmpfs::Tmpfs(const fs::path& dir, const std::string& size) : dir_(dir) {
+    fs::create_directories(dir);
+    mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
+}
+
+Tmpfs::~Tmpfs() {
+    if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
+}
+
+int inChild(const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(body());
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+int withFileSizeLimit(rlim_t bytes, const std::function<int()>& body) {
+    return inChild([&] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, bytes};
+        return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 ? body() : 255;
+    });
+}
+
+LockHolder::LockHolder() {
+    int held[2], release[2];
+    check(::pipe(held) == 0 && ::pipe(release) == 0, "pipe");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::close(held[0]);
+        ::close(release[1]);
+        int code = kOk;
+        auto lock = StoreLock::acquire(code);
+        char byte = lock ? 1 : 0;
+        if (::write(held[1], &byte, 1) != 1) ::_exit(2);
+        // Holds the lock until the parent closes its end of the pipe.
+        ::_exit(::read(release[0], &byte, 1) == 0 ? 0 : 3);
+    }
+    ::close(held[1]);
+    ::close(release[0]);
+    release_ = release[1];
+    char byte = 0;
+    locked_ = ::read(held[0], &byte, 1) == 1 && byte == 1;
+    ::close(held[0]);
+}
+
+LockHolder::~LockHolder() {
+    ::close(release_);
+    ::waitpid(pid_, nullptr, 0);
 }
 
 std::string md5Hex(std::string_view data) {

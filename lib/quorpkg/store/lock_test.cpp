@@ -3,7 +3,6 @@
 #include "quorpkg/store/lock.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,41 +13,6 @@
 
 namespace quor {
 namespace {
-
-// Another process holding the store lock until the object goes.
-class LockHolder {
-public:
-    LockHolder() {
-        int held[2], release[2];
-        if (::pipe(held) != 0 || ::pipe(release) != 0) throw std::runtime_error("pipe");
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::close(held[0]);
-            ::close(release[1]);
-            int code = kOk;
-            auto lock = StoreLock::acquire(code);
-            char byte = lock ? 1 : 0;
-            if (::write(held[1], &byte, 1) != 1) ::_exit(2);
-            ::_exit(::read(release[0], &byte, 1) == 0 ? 0 : 3);
-        }
-        ::close(held[1]);
-        ::close(release[0]);
-        release_ = release[1];
-        char byte = 0;
-        locked_ = ::read(held[0], &byte, 1) == 1 && byte == 1;
-        ::close(held[0]);
-    }
-    ~LockHolder() {
-        ::close(release_);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    bool locked() const { return locked_; }
-
-private:
-    pid_t pid_ = -1;
-    int release_ = -1;
-    bool locked_ = false;
-};
 
 double secondsToAcquire(int& code, bool& acquired) {
     const auto start = std::chrono::steady_clock::now();
@@ -64,7 +28,7 @@ TEST(StoreLock, AWaiterGivesUpAfterTheLockTimeoutAndAFreedLockIsTakenAtOnce) {
         bool acquired = true;
         double waited = 0;
         {
-            LockHolder holder;
+            test::LockHolder holder;
             ASSERT_TRUE(holder.locked());
             waited = secondsToAcquire(code, acquired);
         }
