@@ -52,6 +52,9 @@ test::PackageSource version(const std::string& number) {
 class StoreStress : public ::testing::Test {
 protected:
     void SetUp() override {
+        // Eight runs queue for the store lock at once, each waiting for all
+        // the others: slow under sanitizers, so not the test roots' 2 s.
+        test::writeSettings("lock_timeout=\"120\"\n");
         one = device.package(version("1.0"));
         two = device.package(version("2.0"));
         // The whole states, made without interruption, and what list says.
