@@ -60,9 +60,9 @@ Remembered readRemembered(const fs::path& file) {
 
 // A kept catalog serves only while it would pass the trust check again:
 // when signatures are required, the key that verified it is still trusted.
-bool keptCatalogIsTrusted(const Remembered& remembered) {
+bool keptCatalogIsTrusted(const Remembered& remembered, const Settings& settings) {
     const TrustedKeys keys = loadTrustedKeys();
-    if (!signatureRequired(loadSettings(), keys)) return true;
+    if (!signatureRequired(settings, keys)) return true;
     return !remembered.key.empty() && keys.find(remembered.key) != nullptr;
 }
 
@@ -85,15 +85,15 @@ bool readKeptCatalog(const fs::path& list, const std::string& hash, const Catalo
 // The kept catalog may serve a cached load: its hash was not reset, it came
 // from the server now configured, and it is younger than the time to live.
 bool keptCatalogIsCurrent(const CacheFiles& files, const Remembered& remembered,
-                          const Source& source, long ttlSeconds) {
+                          const Source& source, const Settings& settings) {
     if (remembered.hash.empty() || remembered.hash == kResetHash ||
-        remembered.source != source.url || !keptCatalogIsTrusted(remembered))
+        remembered.source != source.url || !keptCatalogIsTrusted(remembered, settings))
         return false;
     std::error_code ec;
     const auto written = fs::last_write_time(files.list, ec);
     if (ec) return false;
     const auto age = fs::file_time_type::clock::now() - written;
-    return age < std::chrono::seconds(ttlSeconds);
+    return age < std::chrono::seconds(settings.catalog_ttl);
 }
 
 // The first of `names` the server has: kOk with its text (and its name in
@@ -152,7 +152,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     const CacheFiles files{layout::listDir() / source.cacheFileName("list", lang),
                            layout::listDir() / source.cacheFileName("hash", lang)};
     const Remembered remembered = readRemembered(files.hash);
-    if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, settings.catalog_ttl) &&
+    if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, settings) &&
         readKeptCatalog(files.list, remembered.hash, how, out.packages))
         return kOk;
 
@@ -162,7 +162,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     if (code == kServerUnreachable) return code;
     serverHash = trimmed(serverHash);
     if (!serverHash.empty() && serverHash != kResetHash && serverHash == remembered.hash &&
-        remembered.source == source.url && keptCatalogIsTrusted(remembered) &&
+        remembered.source == source.url && keptCatalogIsTrusted(remembered, settings) &&
         readKeptCatalog(files.list, remembered.hash, how, out.packages)) {
         // Still the server's catalog: it serves cached loads for another while.
         std::error_code ec;
