@@ -65,26 +65,25 @@ std::optional<SigningKey> SigningKey::generate() {
     return SigningKey(key, true);
 }
 
-std::optional<SigningKey> SigningKey::loadPrivate(const std::filesystem::path& file,
-                                                  std::string* error) {
+std::optional<SigningKey> SigningKey::load(const std::filesystem::path& file, bool isPrivate,
+                                           std::string* error) {
     std::string why;
-    EVP_PKEY* key = readPem(file, true, why);
+    EVP_PKEY* key = readPem(file, isPrivate, why);
     if (!key) {
         if (error) *error = why;
         return std::nullopt;
     }
-    return SigningKey(key, true);
+    return SigningKey(key, isPrivate);
+}
+
+std::optional<SigningKey> SigningKey::loadPrivate(const std::filesystem::path& file,
+                                                  std::string* error) {
+    return load(file, true, error);
 }
 
 std::optional<SigningKey> SigningKey::loadPublic(const std::filesystem::path& file,
                                                  std::string* error) {
-    std::string why;
-    EVP_PKEY* key = readPem(file, false, why);
-    if (!key) {
-        if (error) *error = why;
-        return std::nullopt;
-    }
-    return SigningKey(key, false);
+    return load(file, false, error);
 }
 
 std::string SigningKey::privatePem() const {

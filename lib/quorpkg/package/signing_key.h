@@ -41,6 +41,8 @@ private:
         void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
     };
     SigningKey(EVP_PKEY* key, bool hasPrivate);
+    static std::optional<SigningKey> load(const std::filesystem::path& file, bool isPrivate,
+                                          std::string* error);
 
     std::shared_ptr<EVP_PKEY> key_;
     bool private_ = false;
