@@ -1,7 +1,12 @@
 // Status answers, also those that collide with the platform's own result
 // codes, the on/off query and the log path.
+#include <chrono>
+#include <optional>
+#include <thread>
+
 #include "pkg_manager.h"
 #include "quorpkg/service/services.h"
+#include "quorpkg/store/journal.h"
 #include "service_fixture.h"
 
 namespace quor::test {
@@ -69,6 +74,25 @@ TEST_F(ServiceTest, StatusFollowsTheScriptTheActiveMarkAndTheStore) {
     EXPECT_EQ(packageStatus("plain"), kBroken);
     EXPECT_EQ(packageStatus("absent"), kNoSuchPackage);
     EXPECT_EQ(packageStatus("../var"), kNoSuchPackage);
+}
+
+// Another process's upgrade between its two payload moves: the package is
+// half there. A reader waits for that change instead of calling it broken.
+TEST_F(ServiceTest, StatusWaitsForAChangeInAnotherProcessInsteadOfReadingItHalfDone) {
+    install(service("moving"));
+    const fs::path payload = layout::appstoreDir(volume, "moving");
+    std::optional<LockHolder> holder(std::in_place);
+    ASSERT_TRUE(holder->locked());
+    ASSERT_TRUE(writeJournal({"upgrade", "moving", "commit", volume, volume, "", false}));
+    fs::rename(payload, payload.string() + ".aside");
+    std::thread change([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        fs::rename(payload.string() + ".aside", payload);
+        clearJournal("moving");
+        holder.reset();
+    });
+    EXPECT_EQ(packageStatus("moving"), kStopped);
+    change.join();
 }
 
 TEST_F(ServiceTest, ManagerQueriesAlwaysLeaveTheirCode) {

@@ -13,6 +13,7 @@
 #include "quorpkg/service/firmware_limits.h"
 #include "quorpkg/service/service_steps.h"
 #include "quorpkg/store/dependencies.h"
+#include "quorpkg/store/journal.h"
 #include "quorpkg/store/lock.h"
 #include "quorpkg/store/package_scripts.h"
 #include "quorpkg/store/store.h"
@@ -31,13 +32,25 @@ bool hasServiceScript(const std::string& name) {
 
 // The manifest of an installed, whole package: kOk, kBadArgument,
 // kNoSuchPackage or kBroken (no manifest, or no payload behind the target).
-int loadInstalled(const std::string& name, Manifest& manifest) {
-    if (!isValidPackageName(name)) return refuse(kBadArgument, "not a package name: " + name);
+int readWhole(const std::string& name, Manifest& manifest) {
     int code = readInstalledManifest(name, manifest);
     if (code != kOk) return code;
-    return installedTarget(name).empty()
-               ? refuse(kBroken, name + " has no payload behind its target")
-               : kOk;
+    return installedTarget(name).empty() ? kBroken : kOk;
+}
+
+int loadInstalled(const std::string& name, Manifest& manifest) {
+    if (!isValidPackageName(name)) return refuse(kBadArgument, "not a package name: " + name);
+    int code = readWhole(name, manifest);
+    // A change moves a package's payload and directory one after the other,
+    // and readers do not take the store lock: one that finds the package
+    // missing or half there while another process changes it waits for
+    // that change to end and reads again.
+    Change change;
+    if ((code == kNoSuchPackage || code == kBroken) && readJournal(name, change) &&
+        StoreLock::waitForOtherChange())
+        code = readWhole(name, manifest);
+    if (code == kBroken) return refuse(kBroken, name + " has no payload behind its target");
+    return code;
 }
 
 // What a status script's exit code says. 0 runs, 150 is broken, and codes

@@ -5,6 +5,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -20,7 +21,8 @@
 namespace quor {
 namespace {
 
-thread_local int t_depth = 0;  // how many StoreLocks this thread holds
+thread_local int t_depth = 0;    // how many StoreLocks this thread holds
+std::atomic<int> g_heldHere{0};  // StoreLocks in this process that hold the flock
 
 bool inheritedFromParent() {
     const char* held = std::getenv("QUOR_PKG_LOCK_HELD");
@@ -94,6 +96,7 @@ std::optional<StoreLock> StoreLock::acquire(int& code) {
     }
     writeHolder(fd.get());
     ++t_depth;
+    ++g_heldHere;
     return StoreLock(std::move(fd), true);
 }
 
@@ -103,7 +106,14 @@ std::optional<StoreLock> StoreLock::tryAcquireFresh() {
     if (!fd || !tryLock(fd.get())) return std::nullopt;
     writeHolder(fd.get());
     ++t_depth;
+    ++g_heldHere;
     return StoreLock(std::move(fd), true);
+}
+
+bool StoreLock::waitForOtherChange() {
+    if (t_depth > 0 || g_heldHere > 0 || inheritedFromParent()) return false;
+    int code = kOk;
+    return StoreLock::acquire(code).has_value();
 }
 
 StoreLock::StoreLock(StoreLock&& other) noexcept
@@ -114,6 +124,7 @@ StoreLock::StoreLock(StoreLock&& other) noexcept
 StoreLock::~StoreLock() {
     if (counted_) --t_depth;
     if (fd_) {
+        --g_heldHere;
         // Clear the pid before the lock goes, so a stale pid never names a
         // process that no longer holds it.
         bool cleared = ::ftruncate(fd_.get(), 0) == 0;

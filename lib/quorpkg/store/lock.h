@@ -25,6 +25,13 @@ public:
     // case in which an unfinished change may be recovered.
     static std::optional<StoreLock> tryAcquireFresh();
 
+    // For readers that never take the lock: waits until the change that
+    // holds it (in another process) has ended, up to lock_timeout, and
+    // lets it go again. False at once when this process holds or inherited
+    // the lock, since no other change can be under way then; false too
+    // when the wait runs out.
+    static bool waitForOtherChange();
+
     // True when this object took the lock itself, rather than nesting in
     // this thread's lock or relying on a parent's: only then is no other
     // change under way, and an unfinished one may be recovered.
