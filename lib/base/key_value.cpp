@@ -1,5 +1,7 @@
 #include "base/key_value.h"
 
+#include <algorithm>
+
 namespace quor {
 namespace {
 
@@ -20,21 +22,21 @@ bool validKey(std::string_view key) {
     return true;
 }
 
-// Parses the quoted value that starts at value[0] == '"'.
+// Parses the quoted value that starts at value[0] == '"'. Runs between
+// escapes are appended whole: manifests are read on every listing.
 std::optional<std::string> unquote(std::string_view value) {
     std::string out;
     size_t i = 1;
-    for (; i < value.size(); ++i) {
-        char c = value[i];
-        if (c == '\\' && i + 1 < value.size() && (value[i + 1] == '"' || value[i + 1] == '\\')) {
-            out += value[++i];
-        } else if (c == '"') {
-            break;
-        } else {
-            out += c;
-        }
+    for (;;) {
+        size_t stop = std::min(value.find('"', i), value.find('\\', i));
+        if (stop == std::string_view::npos) return std::nullopt;
+        out.append(value.data() + i, stop - i);
+        i = stop;
+        if (value[i] == '"') break;
+        if (i + 1 < value.size() && (value[i + 1] == '"' || value[i + 1] == '\\')) ++i;
+        out += value[i++];
     }
-    if (i >= value.size() || !trim(value.substr(i + 1)).empty()) return std::nullopt;
+    if (!trim(value.substr(i + 1)).empty()) return std::nullopt;
     return out;
 }
 

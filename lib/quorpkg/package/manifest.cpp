@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <functional>
 #include <map>
 #include <set>
 
@@ -86,8 +85,6 @@ bool isKnownKey(std::string_view key) {
     return kKnown.count(key) != 0;
 }
 
-using ReportProblem = std::function<void(std::string_view key, std::string message)>;
-
 bool isValidArch(std::string_view arch) {
     for (char c : arch)
         if (!isAlnum(c) && c != '_' && c != '-') return false;
@@ -106,7 +103,9 @@ bool isHexDigest(const std::string& text, size_t digits) {
 
 // Checks the known keys of `pairs` and reads them into `out`. Every broken
 // rule is reported, in the order of the checks, with the key it concerns;
-// the manifest is valid when nothing is reported.
+// the manifest is valid when nothing is reported. `report` is called as
+// report(std::string_view key, std::string message).
+template <typename ReportProblem>
 void readFields(const KeyValues& pairs, Manifest& out, const ReportProblem& report) {
     auto get = [&](std::string_view key) -> std::string {
         const std::string* value = findValue(pairs, key);
@@ -174,13 +173,20 @@ int parseManifest(std::string_view text, Manifest& out, std::string* error) {
     bool ok = pairs.has_value();
     if (ok) {
         // A key given twice leaves the reader to guess which one counts.
-        std::set<std::string_view> seen;
-        for (const auto& pair : *pairs) {
-            if (!seen.insert(pair.first).second) {
-                why = "duplicate key: " + pair.first;
-                ok = false;
-                break;
+        std::vector<std::string_view> keys;
+        keys.reserve(pairs->size());
+        for (const auto& pair : *pairs) keys.push_back(pair.first);
+        std::sort(keys.begin(), keys.end());
+        if (std::adjacent_find(keys.begin(), keys.end()) != keys.end()) {
+            // Named by its first repeat in file order.
+            std::set<std::string_view> seen;
+            for (const auto& pair : *pairs) {
+                if (!seen.insert(pair.first).second) {
+                    why = "duplicate key: " + pair.first;
+                    break;
+                }
             }
+            ok = false;
         }
     }
     if (ok) {
