@@ -109,7 +109,10 @@ bool syncDirectory(const fs::path& dir) {
 
 bool writeFileAtomic(const fs::path& path, std::string_view content, mode_t mode) {
     const fs::path dir = path.has_parent_path() ? path.parent_path() : fs::path(".");
-    std::string temp = (dir / ("." + path.filename().string() + ".XXXXXX")).string();
+    std::string name = ".";
+    name += path.filename().string();
+    name += ".XXXXXX";
+    std::string temp = (dir / name).string();
     UniqueFd fd(::mkstemp(temp.data()));
     if (!fd) return false;
     bool ok =

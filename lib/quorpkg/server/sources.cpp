@@ -12,7 +12,10 @@ namespace quor {
 
 std::string Source::cacheFileName(std::string_view kind, const std::string& lang) const {
     std::string name = id + "." + std::string(kind) + "." + lang;
-    if (number > 0) name += "." + std::to_string(number);
+    if (number > 0) {
+        name += '.';
+        name += std::to_string(number);
+    }
     return name;
 }
 
