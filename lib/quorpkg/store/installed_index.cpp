@@ -12,6 +12,7 @@
 
 #include "base/file_util.h"
 #include "base/layout.h"
+#include "base/mapped_file.h"
 #include "base/result.h"
 #include "base/system_root.h"
 #include "quorpkg/store/store.h"
@@ -21,7 +22,7 @@ namespace fs = std::filesystem;
 namespace quor {
 namespace {
 
-constexpr std::string_view kHeader = "quorpkg-installed 1\n";
+constexpr std::string_view kHeader = "quorpkg-installed 2\n";
 
 fs::path indexFile() {
     return hostPath("/var/cache/quorpkg/installed");
@@ -43,15 +44,26 @@ void describe(int dirFd, const char* path, Source& out) {
         out.text += " -";
         return;
     }
-    out.text += " " + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
-                std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+    // " ino:size:sec.nsec", printed without temporaries: once per package
+    // on every listing.
+    auto number = [&](char before, auto value) {
+        char digits[24];
+        out.text += before;
+        out.text.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+    };
+    number(' ', st.st_ino);
+    number(':', st.st_size);
+    number(':', st.st_mtim.tv_sec);
+    number('.', st.st_mtim.tv_nsec);
     if (later(st.st_mtim, out.newest)) out.newest = st.st_mtim;
 }
 
 Source sourceOf(int packagesFd, const std::string& name) {
     Source source;
-    describe(packagesFd, (name + "/INFO").c_str(), source);
-    describe(packagesFd, (name + "/scripts").c_str(), source);
+    std::string path = name + "/INFO";
+    describe(packagesFd, path.c_str(), source);
+    path.replace(name.size() + 1, std::string::npos, "scripts");
+    describe(packagesFd, path.c_str(), source);
     source.text.erase(0, 1);
     return source;
 }
@@ -65,6 +77,8 @@ IndexedPackage readPackage(const std::string& name, std::string source) {
     if (text && parseManifest(*text, manifest) == kOk && manifest.name == name) {
         package.readable = true;
         package.scriptMask = installedScriptMask(name);
+        package.version = manifest.version;
+        package.beta = manifest.beta;
         package.manifestText = std::move(*text);
     }
     return package;
@@ -75,17 +89,8 @@ IndexedPackage readPackage(const std::string& name, std::string source) {
 InstalledIndex readIndexFile(timespec& written) {
     InstalledIndex index;
     written = {};
-    UniqueFd fd(::open(indexFile().c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat st {};
-    if (!fd || ::fstat(fd.get(), &st) != 0) return index;
-    std::string text(static_cast<size_t>(st.st_size), '\0');
-    size_t have = 0;
-    while (have < text.size()) {
-        ssize_t n = ::read(fd.get(), text.data() + have, text.size() - have);
-        if (n <= 0) return index;
-        have += static_cast<size_t>(n);
-    }
-    if (parseIndex(text, index)) written = st.st_mtim;
+    const MappedFile file(indexFile());
+    if (file.opened() && parseIndex(file.text(), index)) written = file.status().st_mtim;
     return index;
 }
 
@@ -139,19 +144,45 @@ int indexedManifest(const IndexedPackage& package, Manifest& out) {
     return kOk;
 }
 
-// Per package "<name> <mask> <length> <source>\n<manifest>\n", "-" as the
-// mask of an unreadable one; names hold neither blanks nor newlines.
+// Per package "<name> <mask> <length> <version> <beta> <source>\n<manifest>\n",
+// "-" as the mask and version of an unreadable one, beta 1 or 0; names and
+// versions hold neither blanks nor newlines.
 std::string formatIndex(const InstalledIndex& index) {
     std::string out(kHeader);
     for (const IndexedPackage& package : index.packages) {
         out += package.name;
-        out += package.readable ? " " + std::to_string(package.scriptMask) : std::string(" -");
-        out += " " + std::to_string(package.manifestText.size()) + " " + package.source + "\n";
+        out += ' ';
+        out += package.readable ? std::to_string(package.scriptMask) : "-";
+        out += ' ';
+        out += std::to_string(package.manifestText.size());
+        out += ' ';
+        out += package.readable ? package.version : "-";
+        out += package.beta ? " 1 " : " 0 ";
+        out += package.source;
+        out += '\n';
         out += package.manifestText;
         out += '\n';
     }
     return out;
 }
+
+namespace {
+
+// Splits off the text up to the next blank of `line`.
+std::string_view nextField(std::string_view& line) {
+    size_t blank = line.find(' ');
+    std::string_view field = line.substr(0, blank);
+    line.remove_prefix(blank == std::string_view::npos ? line.size() : blank + 1);
+    return field;
+}
+
+template <typename Number>
+bool parseNumber(std::string_view text, Number& out) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+}  // namespace
 
 bool parseIndex(std::string_view text, InstalledIndex& out) {
     if (text.substr(0, kHeader.size()) != kHeader) return false;
@@ -162,24 +193,21 @@ bool parseIndex(std::string_view text, InstalledIndex& out) {
         if (end == std::string_view::npos) return false;
         std::string_view head = text.substr(0, end);
         text.remove_prefix(end + 1);
-        size_t blank1 = head.find(' ');
-        size_t blank2 = head.find(' ', blank1 + 1);
-        size_t blank3 = head.find(' ', blank2 + 1);
-        if (blank3 == std::string_view::npos || blank1 == 0) return false;
         IndexedPackage package;
-        package.name = std::string(head.substr(0, blank1));
-        std::string_view mask = head.substr(blank1 + 1, blank2 - blank1 - 1);
-        std::string_view length = head.substr(blank2 + 1, blank3 - blank2 - 1);
-        package.source = std::string(head.substr(blank3 + 1));
+        package.name = std::string(nextField(head));
+        const std::string_view mask = nextField(head);
+        const std::string_view length = nextField(head);
+        const std::string_view version = nextField(head);
+        const std::string_view beta = nextField(head);
+        package.source = std::string(head);
         size_t size = 0;
-        auto [lengthEnd, lengthError] =
-            std::from_chars(length.data(), length.data() + length.size(), size);
-        if (lengthError != std::errc() || lengthEnd != length.data() + length.size()) return false;
+        if (package.name.empty() || !parseNumber(length, size) || (beta != "0" && beta != "1"))
+            return false;
         package.readable = mask != "-";
         if (package.readable) {
-            auto [maskEnd, maskError] =
-                std::from_chars(mask.data(), mask.data() + mask.size(), package.scriptMask);
-            if (maskError != std::errc() || maskEnd != mask.data() + mask.size()) return false;
+            if (!parseNumber(mask, package.scriptMask) || !isValidVersion(version)) return false;
+            package.version = std::string(version);
+            package.beta = beta == "1";
         }
         if (size >= text.size() || text[size] != '\n') return false;
         package.manifestText = std::string(text.substr(0, size));
@@ -199,11 +227,15 @@ std::shared_ptr<const InstalledIndex> loadInstalledIndex() {
     bool stale = false;
     UniqueFd packagesFd(::open(layout::packagesDir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const std::vector<std::string> names = installedPackages();
+    current->packages.reserve(names.size());
+    // Both are sorted by name: one walk, entries moved over.
+    auto known = stored.packages.begin();
     for (const std::string& name : names) {
         Source source = sourceOf(packagesFd.get(), name);
-        const IndexedPackage* known = stored.find(name);
-        if (known && known->source == source.text && later(written, source.newest)) {
-            current->packages.push_back(*known);
+        while (known != stored.packages.end() && known->name < name) ++known;
+        if (known != stored.packages.end() && known->name == name && known->source == source.text &&
+            later(written, source.newest)) {
+            current->packages.push_back(std::move(*known));
         } else {
             current->packages.push_back(readPackage(name, std::move(source.text)));
             stale = true;

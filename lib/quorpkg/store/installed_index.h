@@ -28,6 +28,8 @@ struct IndexedPackage {
     std::string source;     // identity of INFO and scripts/ when read
     bool readable = false;  // false: a package folder without a usable manifest
     int scriptMask = 0;
+    std::string version;       // of a readable one, as its manifest gives it
+    bool beta = false;         // likewise
     std::string manifestText;  // INFO as installed
 };
 
