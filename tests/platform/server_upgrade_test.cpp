@@ -142,13 +142,23 @@ protected:
         return {};
     }
 
-    // Overwrites the catalog entry of `name` in place (same file, same size).
-    void blankEntry(const std::string& name, char with) {
+    // Overwrites the catalog entry of `name` (at `version`, when given) in
+    // place (same file, same size).
+    void blankEntry(const std::string& name, char with, const std::string& version = "") {
         std::string text = readFile(keptCatalog()).value();
-        size_t at = text.find("\"package\" : \"" + name + "\"");
-        ASSERT_NE(at, std::string::npos);
-        size_t open = text.rfind('{', at), close = text.find('}', at);
-        ASSERT_TRUE(open != std::string::npos && close != std::string::npos);
+        size_t open = std::string::npos, close = std::string::npos;
+        for (size_t at = text.find("\"package\" : \"" + name + "\"");
+             at != std::string::npos && open == std::string::npos;
+             at = text.find("\"package\" : \"" + name + "\"", at + 1)) {
+            size_t begin = text.rfind('{', at), end = text.find('}', at);
+            if (version.empty() ||
+                text.substr(begin, end - begin).find("\"version\" : \"" + version + "\"") !=
+                    std::string::npos) {
+                open = begin;
+                close = end;
+            }
+        }
+        ASSERT_TRUE(open != std::string::npos && close != std::string::npos) << name << version;
         UniqueFd fd(::open(keptCatalog().c_str(), O_WRONLY));
         const std::string blank(close - open + 1, with);
         ASSERT_EQ(::pwrite(fd.get(), blank.data(), blank.size(), static_cast<off_t>(open)),
@@ -157,6 +167,8 @@ protected:
 };
 
 TEST_F(CatalogDigest, CachedChecksReadOnlyTheInstalledEntries) {
+    publish(packageSource("lib", "0.9"));
+    index();
     EXPECT_EQ(offered(true), "app 1.1;lib 1.1;");
     const fs::path digest = keptCatalog().string() + ".digest";
     ASSERT_TRUE(fs::exists(digest));
@@ -165,7 +177,9 @@ TEST_F(CatalogDigest, CachedChecksReadOnlyTheInstalledEntries) {
 
     // An entry of a package that is not installed is never parsed: a kept
     // catalog broken there still serves the check, and stays as it is.
+    // Nor is one of an installed package that is not newer than installed.
     blankEntry("helper", 'x');
+    blankEntry("lib", 'x', "0.9");
     const std::string broken = readFile(keptCatalog()).value();
     EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
     EXPECT_EQ(readFile(keptCatalog()), broken);
@@ -174,6 +188,11 @@ TEST_F(CatalogDigest, CachedChecksReadOnlyTheInstalledEntries) {
     fs::remove(digest);
     EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
     EXPECT_NE(readFile(keptCatalog()), broken);
+
+    // Upgrades from the digest download from the links it resolves.
+    ASSERT_TRUE(fs::exists(digest));
+    EXPECT_TRUE(PMSCheckUpgrade(false, nullptr, "enu", nullptr, true, false));
+    EXPECT_EQ(versions(), "app 1.1;helper 1.0;lib 1.1;");
 }
 
 TEST_F(CatalogDigest, ADigestOutOfStepWithTheKeptCatalogIsNeverBelieved) {

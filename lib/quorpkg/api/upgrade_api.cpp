@@ -2,6 +2,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "quorpkg/server/sources.h"
 #include "quorpkg/server/upgrades.h"
 #include "quorpkg/store/dependencies.h"
+#include "quorpkg/store/installed_index.h"
 #include "quorpkg/store/store.h"
 
 namespace {
@@ -25,11 +27,11 @@ using QUORPackageTool::PackageInfo;
 PackageInfo offeredRecord(const quor::UpgradeOffer& upgrade) {
     PackageInfo info;
     info.name = upgrade.name;
-    info.version = quor::entryText(upgrade.entry, "version");
-    info.displayname = quor::entryText(upgrade.entry, "dname");
+    info.version = quor::entryText(*upgrade.entry, "version");
+    info.displayname = quor::entryString(*upgrade.entry, "dname");
     if (info.displayname.empty()) info.displayname = upgrade.name;
-    info.description = quor::entryText(upgrade.entry, "desc");
-    info.beta = quor::entryFlag(upgrade.entry, "beta");
+    info.description = quor::entryText(*upgrade.entry, "desc");
+    info.beta = quor::entryFlag(*upgrade.entry, "beta");
     return info;
 }
 
@@ -46,7 +48,7 @@ std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
     std::erase_if(upgrades, [&](const quor::UpgradeOffer& upgrade) {
         if (policy == "all") return false;
         if (policy == "limit") return !quor::blockedByFirmwareLimit(upgrade);
-        if (policy == "important") return !quor::entryFlag(upgrade.entry, "important");
+        if (policy == "important") return !quor::entryFlag(*upgrade.entry, "important");
         return true;
     });
     if (upgrades.size() < 2) return upgrades;
@@ -81,10 +83,11 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
     const bool refreshOnly = out == nullptr && policy == "none";
     std::vector<quor::Catalog> catalogs;
     std::string error;
-    // Only the installed packages' entries matter.
-    const std::vector<std::string> installed = quor::installedPackages();
+    // Only the installed packages' entries newer than what is installed matter.
+    const std::shared_ptr<const quor::InstalledIndex> index =
+        refreshOnly ? std::make_shared<quor::InstalledIndex>() : quor::loadInstalledIndex();
     quor::CatalogLoad load{fresh, !refreshOnly};
-    load.names = &installed;
+    load.installed = &index->packages;
     int code = quor::loadCatalogs(load, lang, catalogs, &error);
     if (code != quor::kOk) {
         syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
@@ -92,9 +95,11 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
     }
     if (refreshOnly) return true;
     const quor::Offers offers(catalogs);
-    std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers);
-    if (out)
+    std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers, index->packages);
+    if (out) {
+        out->reserve(upgrades.size());
         for (const quor::UpgradeOffer& upgrade : upgrades) out->push_back(offeredRecord(upgrade));
+    }
 
     // Every upgrade is tried; the first failure decides the result.
     int first = quor::kOk;
@@ -120,9 +125,10 @@ bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
         return quor::fail(quor::kBadArgument, "not a package name");
     if (!quor::isInstalled(name)) return quor::fail(quor::kNoSuchPackage, "not installed");
     std::vector<quor::Catalog> catalogs;
-    const std::vector<std::string> names = {name};
+    std::vector<quor::IndexedPackage> wanted(1);
+    wanted[0].name = name;
     quor::CatalogLoad load{fresh, true};
-    load.names = &names;
+    load.installed = &wanted;
     std::string why;
     int code = quor::loadCatalogs(load, lang, catalogs, &why);
     if (code != quor::kOk) return quor::fail(code, why);

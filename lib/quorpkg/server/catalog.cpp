@@ -70,15 +70,15 @@ bool keptCatalogIsTrusted(const Remembered& remembered, const Settings& settings
 // a few names reads only their entries when the catalog has a digest, and
 // leaves one for the next load when it had none.
 bool readKeptCatalog(const fs::path& list, const std::string& hash, const CatalogLoad& how,
-                     Json::Value& packages) {
+                     Catalog& out) {
     if (!how.parse) {
         std::error_code ec;
         return fs::is_regular_file(list, ec);
     }
-    if (how.names && readDigestedEntries(list, hash, *how.names, packages)) return true;
+    if (readDigestedEntries(list, hash, how, out)) return true;
     std::optional<std::string> text = readFile(list);
-    if (!text || !parseCatalog(*text, packages)) return false;
-    if (how.names) writeCatalogDigest(list, hash, packages);
+    if (!text || !parseCatalog(*text, out.packages)) return false;
+    if (how.installed) writeCatalogDigest(list, hash, out.source, out.packages);
     return true;
 }
 
@@ -153,7 +153,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
                            layout::listDir() / source.cacheFileName("hash", lang)};
     const Remembered remembered = readRemembered(files.hash);
     if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, settings) &&
-        readKeptCatalog(files.list, remembered.hash, how, out.packages))
+        readKeptCatalog(files.list, remembered.hash, how, out))
         return kOk;
 
     std::string serverHash;
@@ -163,7 +163,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     serverHash = trimmed(serverHash);
     if (!serverHash.empty() && serverHash != kResetHash && serverHash == remembered.hash &&
         remembered.source == source.url && keptCatalogIsTrusted(remembered, settings) &&
-        readKeptCatalog(files.list, remembered.hash, how, out.packages)) {
+        readKeptCatalog(files.list, remembered.hash, how, out)) {
         // Still the server's catalog: it serves cached loads for another while.
         std::error_code ec;
         fs::last_write_time(files.list, fs::file_time_type::clock::now(), ec);
@@ -187,7 +187,7 @@ int loadCatalog(const Source& source, const std::string& lang, const CatalogLoad
     // cached loads can use the catalog.
     const std::string hash = serverHash.empty() ? dataMd5Hex(text) : serverHash;
     remember(files, text, hash, source, key);
-    writeCatalogDigest(files.list, hash, out.packages);
+    writeCatalogDigest(files.list, hash, source, out.packages);
     return kOk;
 }
 

@@ -11,12 +11,16 @@
 #include <vector>
 
 #include "quorpkg/server/sources.h"
+#include "quorpkg/store/installed_index.h"
 
 namespace quor {
 
 struct Catalog {
     Source source;
     Json::Value packages;  // the catalog's "packages" array
+    // Read through a digest: what plain links resolve against (see
+    // plainLinkPrefix); empty when links are resolved one by one.
+    std::string plainLinkPrefix;
 };
 
 // One catalog per configured server, in the order of the sources file.
@@ -36,9 +40,11 @@ struct CatalogLoad {
     // False: only bring the cache up to date; a kept catalog that is still
     // current is not read (its Catalog has no packages).
     bool parse = true;
-    // When set, only the entries of these packages are needed: a kept
-    // catalog with a current digest gives just those (see catalog_digest.h).
-    const std::vector<std::string>* names = nullptr;
+    // When set (sorted by name), only these packages' entries are needed,
+    // and of those only versions newer than the installed one where it is
+    // known (readable): a kept catalog with a current digest gives just
+    // those, without reading the others (see catalog_digest.h).
+    const std::vector<IndexedPackage>* installed = nullptr;
 };
 int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>& out,
                  std::string* error = nullptr);

@@ -12,18 +12,23 @@
 #include <string>
 #include <vector>
 
+#include "quorpkg/server/catalog.h"
+
 namespace quor {
 
-// Writes the digest of the kept catalog `list` from its parsed "packages"
-// array (parsed from that file's text, so that each entry knows its byte
-// range). Failing to write it only costs whole parses later.
+// Writes the digest of the kept catalog `list`, fetched from `source`, from
+// its parsed "packages" array (parsed from that file's text, so that each
+// entry knows its byte range). Besides the ranges it keeps each entry's
+// version and the prefix that resolves the server's plain links, so that a
+// check neither parses entries it can tell are not newer nor loads libcurl.
+// Failing to write it only costs whole parses later.
 void writeCatalogDigest(const std::filesystem::path& list, const std::string& hash,
-                        const Json::Value& packages);
+                        const Source& source, const Json::Value& packages);
 
-// The entries of the kept catalog `list` whose package is one of `names`,
-// in catalog order, as a "packages" array; false when there is no usable
-// digest.
+// The entries of the kept catalog `list` that `how` asks for (its names,
+// newer than its versions when given), in catalog order, as `out.packages`
+// with `out.plainLinkPrefix`; false when there is no usable digest.
 bool readDigestedEntries(const std::filesystem::path& list, const std::string& hash,
-                         const std::vector<std::string>& names, Json::Value& packages);
+                         const CatalogLoad& how, Catalog& out);
 
 }  // namespace quor

@@ -221,6 +221,23 @@ std::string resolveUrl(const std::string& base, const std::string& link) {
     return owned.get();
 }
 
+bool isPlainLink(std::string_view link) {
+    if (link.empty() || link == "." || link == "..") return false;
+    for (char c : link) {
+        bool unreserved = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                          (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_' || c == '~';
+        if (!unreserved) return false;
+    }
+    return true;
+}
+
+std::string plainLinkPrefix(const std::string& base) {
+    std::string probe = resolveUrl(base, "a");
+    if (probe.size() < 2 || probe.compare(probe.size() - 2, 2, "/a") != 0) return {};
+    probe.pop_back();
+    return probe;
+}
+
 std::string urlScheme(const std::string& url) {
     size_t colon = url.find(':');
     if (colon == std::string::npos || colon == 0) return {};

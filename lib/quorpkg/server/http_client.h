@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace quor {
 
@@ -42,6 +43,16 @@ FetchResult downloadFile(const std::string& url, const std::filesystem::path& fi
 // `link` resolved against `base`, as a browser would; an absolute link stays
 // as it is. Empty when either is not a valid URL, or without libcurl.
 std::string resolveUrl(const std::string& base, const std::string& link);
+
+// A plain link: a file name of unreserved characters (letters, digits and
+// "-._~"), neither "." nor "..". Every plain link resolves against a base
+// to the same folder URL followed by the link itself, so that folder URL,
+// worked out once, resolves them all without libcurl.
+bool isPlainLink(std::string_view link);
+
+// That folder URL of `base`: resolveUrl(base, link) == plainLinkPrefix(base)
+// + link for every plain link. Empty when it cannot be told.
+std::string plainLinkPrefix(const std::string& base);
 
 // The URL's scheme in lower case ("http", "file"), empty when it has none.
 std::string urlScheme(const std::string& url);

@@ -31,8 +31,8 @@ Offers::Offers(const std::vector<Catalog>& catalogs) {
     for (const Catalog& catalog : catalogs) {
         for (const Json::Value& entry : catalog.packages) {
             if (!entry.isObject()) continue;
-            Offer offer{&entry, &catalog.source, entryText(entry, "version"),
-                        entryFlag(entry, "beta")};
+            Offer offer{&entry, &catalog.source, &catalog.plainLinkPrefix,
+                        entryText(entry, "version"), entryFlag(entry, "beta")};
             const std::string name = entryText(entry, "package");
             if (!isValidPackageName(name) || !isValidVersion(offer.version) ||
                 !usableLink(entryText(entry, "link"), catalog.source) ||
@@ -61,9 +61,19 @@ const std::vector<Offer>& Offers::all(const std::string& name) const {
     return found == byName_.end() ? none : found->second;
 }
 
+// Without loading libcurl when the catalog came with its links' prefix.
+std::string resolvedLink(const Offer& offer) {
+    const std::string link = entryText(*offer.entry, "link");
+    const std::string* prefix = offer.plainLinkPrefix;
+    const std::string resolved = prefix && !prefix->empty() && isPlainLink(link)
+                                     ? *prefix + link
+                                     : resolveUrl(offer.source->url, link);
+    return usableLink(resolved, *offer.source) ? resolved : std::string();
+}
+
 bool resolvedEntry(const Offer& offer, Json::Value& out) {
-    const std::string link = resolveUrl(offer.source->url, entryText(*offer.entry, "link"));
-    if (!usableLink(link, *offer.source)) return false;
+    const std::string link = resolvedLink(offer);
+    if (link.empty()) return false;
     out = *offer.entry;
     out["link"] = link;
     if (out.isMember("size") && !out["size"].isUInt64()) out.removeMember("size");
@@ -71,6 +81,11 @@ bool resolvedEntry(const Offer& offer, Json::Value& out) {
     for (const char* text : {"md5", "dname"})
         if (out.isMember(text) && !out[text].isString()) out.removeMember(text);
     return true;
+}
+
+std::string entryString(const Json::Value& entry, const char* key) {
+    if (!entry.isObject() || !entry[key].isString()) return {};
+    return entry[key].asString();
 }
 
 std::string entryText(const Json::Value& entry, const char* key) {

@@ -15,6 +15,7 @@ namespace quor {
 struct Offer {
     const Json::Value* entry = nullptr;  // points into a Catalog
     const Source* source = nullptr;
+    const std::string* plainLinkPrefix = nullptr;  // of its Catalog
     std::string version;
     bool beta = false;
 };
@@ -43,6 +44,13 @@ private:
 // left out), so that a hostile catalog cannot make a caller's JSON
 // conversion throw. False when the link is not a URL.
 bool resolvedEntry(const Offer& offer, Json::Value& out);
+
+// Just the link of resolvedEntry; empty when it is not a usable URL.
+std::string resolvedLink(const Offer& offer);
+
+// A member that must be a string, as resolvedEntry hands it out: empty when
+// it is of another type.
+std::string entryString(const Json::Value& entry, const char* key);
 
 // A member as text: strings as they are, numbers printed, anything else empty.
 std::string entryText(const Json::Value& entry, const char* key);

@@ -13,18 +13,16 @@
 namespace quor {
 namespace {
 
-bool blocked(const std::string& name, const std::string& version) {
-    return firmwareLimitStatus(name, version) != 0;
-}
-
-bool upgradeOver(const Offers& offers, const std::string& name, const Manifest& installed,
-                 UpgradeOffer& out) {
+bool upgradeOver(const Offers& offers, const std::string& name, const std::string& version,
+                 bool beta, const FirmwareLimits& limits, UpgradeOffer& out) {
     for (const Offer& offer : offers.all(name)) {
-        if (compareVersions(offer.version, installed.version) <= 0) return false;
-        if ((offer.beta && !installed.beta) || blocked(name, offer.version)) continue;
-        if (!resolvedEntry(offer, out.entry)) continue;
+        if (compareVersions(offer.version, version) <= 0) return false;
+        if ((offer.beta && !beta) || limits.status(name, offer.version) != 0) continue;
+        out.link = resolvedLink(offer);
+        if (out.link.empty()) continue;
+        out.entry = offer.entry;
         out.name = name;
-        out.installedVersion = installed.version;
+        out.installedVersion = version;
         return true;
     }
     return false;
@@ -33,38 +31,37 @@ bool upgradeOver(const Offers& offers, const std::string& name, const Manifest& 
 }  // namespace
 
 bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& out) {
-    Manifest installed;
-    return readInstalledManifest(name, installed) == kOk &&
-           upgradeOver(offers, name, installed, out);
+    Manifest manifest;
+    return readInstalledManifest(name, manifest) == kOk &&
+           upgradeOver(offers, name, manifest.version, manifest.beta, FirmwareLimits::load(), out);
 }
 
-// The manifests come from the index of installed packages: one read.
-std::vector<UpgradeOffer> findUpgrades(const Offers& offers) {
+std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
+                                       const std::vector<IndexedPackage>& installed) {
     std::vector<UpgradeOffer> out;
-    for (const IndexedPackage& package : loadInstalledIndex()->packages) {
-        Manifest installed;
+    const FirmwareLimits limits = FirmwareLimits::load();
+    for (const IndexedPackage& package : installed) {
         UpgradeOffer upgrade;
-        if (!package.readable || offers.all(package.name).empty() ||
-            parseManifest(package.manifestText, installed) != kOk)
-            continue;
-        if (upgradeOver(offers, package.name, installed, upgrade))
+        if (package.readable &&
+            upgradeOver(offers, package.name, package.version, package.beta, limits, upgrade))
             out.push_back(std::move(upgrade));
     }
     return out;
 }
 
 bool blockedByFirmwareLimit(const UpgradeOffer& upgrade) {
-    return blocked(upgrade.name, upgrade.installedVersion);
+    return firmwareLimitStatus(upgrade.name, upgrade.installedVersion) != 0;
 }
 
 int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::string* error) {
     RemoteInstall install;
     install.package.name = upgrade.name;
-    install.package.link = entryText(upgrade.entry, "link");
-    install.package.md5 = entryText(upgrade.entry, "md5");
-    install.package.sha256 = entryText(upgrade.entry, "sha256");
-    if (upgrade.entry["size"].isUInt64()) install.package.size = upgrade.entry["size"].asUInt64();
-    install.version = entryText(upgrade.entry, "version");
+    install.package.link = upgrade.link;
+    install.package.md5 = entryString(*upgrade.entry, "md5");
+    install.package.sha256 = entryText(*upgrade.entry, "sha256");
+    const Json::Value& size = (*upgrade.entry)["size"];
+    if (size.isUInt64()) install.package.size = size.asUInt64();
+    install.version = entryText(*upgrade.entry, "version");
     install.volume = installedVolume(upgrade.name);
     if (install.volume.empty()) {
         int code = defaultVolume(install.volume);
@@ -74,7 +71,7 @@ int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::stri
         }
     }
     install.lang = lang;
-    install.beta = entryFlag(upgrade.entry, "beta");
+    install.beta = entryFlag(*upgrade.entry, "beta");
     install.event = "upgrade";
     int code = installFromServer(install, error);
     // The store logs the upgrade itself; a failed download it never saw.

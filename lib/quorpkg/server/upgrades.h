@@ -7,13 +7,15 @@
 #include <vector>
 
 #include "quorpkg/server/offers.h"
+#include "quorpkg/store/installed_index.h"
 
 namespace quor {
 
 struct UpgradeOffer {
     std::string name;
     std::string installedVersion;
-    Json::Value entry;  // the offered entry, link resolved
+    const Json::Value* entry = nullptr;  // the offered entry, in its Catalog
+    std::string link;                    // its link, resolved
 };
 
 // The newest offered version newer than the installed one, passing over
@@ -22,8 +24,9 @@ struct UpgradeOffer {
 // (or the package is not installed).
 bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& out);
 
-// Every installed package with an upgrade, by name.
-std::vector<UpgradeOffer> findUpgrades(const Offers& offers);
+// Every one of the `installed` packages with an upgrade, by name.
+std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
+                                       const std::vector<IndexedPackage>& installed);
 
 // Whether the firmware limit blocks the installed version.
 bool blockedByFirmwareLimit(const UpgradeOffer& upgrade);

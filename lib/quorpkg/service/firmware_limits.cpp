@@ -15,21 +15,32 @@ bool knownOperator(const std::string& op) {
 
 }  // namespace
 
-int firmwareLimitStatus(const std::string& name, const std::string& version) {
+FirmwareLimits FirmwareLimits::load() {
+    FirmwareLimits out;
     std::optional<std::string> text = readFile(layout::firmwareLimitsFile());
-    if (!text) return 0;
+    if (!text) return out;
     std::istringstream lines(*text);
     std::string line;
     while (std::getline(lines, line)) {
         std::istringstream words(line);
-        std::string package, op, limit;
-        if (!(words >> package) || package[0] == '#') continue;
+        Limit limit;
+        if (!(words >> limit.package) || limit.package[0] == '#') continue;
         // A malformed line blocks nothing: the limit is a list of known bad
         // versions, not of allowed ones.
-        if (!(words >> op >> limit) || !knownOperator(op)) continue;
-        if (package == name && versionSatisfies(version, op, limit)) return 1;
+        if (!(words >> limit.op >> limit.version) || !knownOperator(limit.op)) continue;
+        out.limits_.push_back(std::move(limit));
     }
+    return out;
+}
+
+int FirmwareLimits::status(const std::string& name, const std::string& version) const {
+    for (const Limit& limit : limits_)
+        if (limit.package == name && versionSatisfies(version, limit.op, limit.version)) return 1;
     return 0;
+}
+
+int firmwareLimitStatus(const std::string& name, const std::string& version) {
+    return FirmwareLimits::load().status(name, version);
 }
 
 }  // namespace quor

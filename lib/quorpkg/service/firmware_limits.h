@@ -4,11 +4,29 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace quor {
 
-// 0 when the firmware runs `version` of the package, 1 when a line of the
-// limits file matches it.
+// The limits file as read once, for questions about many packages.
+class FirmwareLimits {
+public:
+    static FirmwareLimits load();
+
+    // 0 when the firmware runs `version` of the package, 1 when a line of
+    // the limits file matches it.
+    int status(const std::string& name, const std::string& version) const;
+
+private:
+    struct Limit {
+        std::string package;
+        std::string op;
+        std::string version;
+    };
+    std::vector<Limit> limits_;
+};
+
+// FirmwareLimits::load().status(name, version).
 int firmwareLimitStatus(const std::string& name, const std::string& version);
 
 }  // namespace quor
