@@ -57,10 +57,11 @@ int checkSignature(const FoundSignature& found, std::string_view what, std::stri
     if (!key) {
         if (!required) return kOk;
         return distrust(why,
-                      name + " is signed by key " + statement.keyId + ", which is not trusted");
+                        name + " is signed by key " + statement.keyId + ", which is not trusted");
     }
     if (!key->verify(statement.statement, statement.signature))
-        return distrust(why, name + ": the signature by key " + statement.keyId + " does not verify");
+        return distrust(why,
+                        name + ": the signature by key " + statement.keyId + " does not verify");
     if (verifiedBy) *verifiedBy = statement.keyId;
     return kOk;
 }
@@ -70,7 +71,7 @@ int checkPackageTrust(const PackageFileHead& head, std::string_view what, std::s
     if (int code = checkSignature(found, what, why)) return code;
     if (head.signature && listedSha256(head.signature->body, "INFO") != head.infoSha256)
         return distrust(why, std::string(what) + ": INFO differs from what key " +
-                               head.signature->keyId + " signed");
+                                 head.signature->keyId + " signed");
     return kOk;
 }
 
@@ -87,8 +88,8 @@ int checkCatalogTrust(std::string_view catalog, const std::optional<std::string>
     std::string key;
     if (int code = checkSignature(found, what, why, &key)) return code;
     if (found.statement && found.statement->body != catalogStatementBody(catalog))
-        return distrust(why, std::string(what) + " differs from what key " + found.statement->keyId +
-                               " signed");
+        return distrust(why, std::string(what) + " differs from what key " +
+                                 found.statement->keyId + " signed");
     if (verifiedBy) *verifiedBy = key;
     return kOk;
 }
