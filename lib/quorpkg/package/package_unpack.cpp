@@ -17,6 +17,7 @@
 #include "quorpkg/package/gzip_check.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
+#include "quorpkg/package/write_behind.h"
 
 namespace fs = std::filesystem;
 
@@ -53,6 +54,7 @@ public:
             return codeForErrno(err);
         }
         dir_ = dir;
+        writeBehind_.emplace(UniqueFd(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
         writer_.reset(archive_write_disk_new());
         archive_write_disk_set_options(writer_.get(), ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME |
                                                           ARCHIVE_EXTRACT_SECURE_NODOTDOT |
@@ -81,6 +83,7 @@ public:
                 if (digest) digest->update(block, size);
                 if (archive_write_data_block(writer_.get(), block, size, offset) < ARCHIVE_OK)
                     return failed(name, why);
+                writeBehind_->wrote(size);
             }
             if (r != ARCHIVE_EOF) {
                 why = "cannot read " + name + ": " + archive_io::errorText(reader);
@@ -101,6 +104,7 @@ public:
                     "cannot finish " + dir_.string() + ": " + archive_io::errorText(writer_.get());
         }
         writer_.reset();
+        writeBehind_.reset();
         if (home_ && ::fchdir(home_.get()) != 0 && code == kOk) code = kStoreUnusable;
         home_ = UniqueFd();
         dir_.clear();
@@ -116,6 +120,7 @@ private:
     archive_io::WriteArchive writer_;
     UniqueFd home_;
     fs::path dir_;
+    std::optional<WriteBehind> writeBehind_;
 };
 
 // What an entry takes on disk at least: its data in whole blocks, and one
