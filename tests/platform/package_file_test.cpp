@@ -324,23 +324,37 @@ TEST_F(PackageFileTest, QuerySkipsPayloadAndUnpackChecksItFirst) {
     EXPECT_EQ(readFile(targets().payload / "f"), std::string(5000, 'p'));
 }
 
-TEST_F(PackageFileTest, ADamagedGzipPayloadIsRefusedBeforeWriting) {
+TEST_F(PackageFileTest, ADamagedCompressedPayloadIsRefused) {
     // Noise makes deflate store the bytes as they are: a flipped byte in
     // them decompresses without any error of its own.
     const std::string good =
         test::tarBytes({test::fileEntry("f", test::noiseBytes(20000, 7))}, TarFilter::kGzip);
     ASSERT_EQ(unpack(handMade(good)), kOk);
-    auto flipped = [&](size_t at) {
-        std::string bytes = good;
+    auto flipped = [](std::string bytes, size_t at) {
         bytes[at] = char(bytes[at] ^ 0x01);
         return bytes;
     };
     // In the data, in the trailer's crc and length, no trailer, junk after it.
     for (const std::string& payload :
-         {flipped(good.size() / 2), flipped(good.size() - 8), flipped(good.size() - 1),
-          good.substr(0, good.size() - 8), good + "junk"}) {
+         {flipped(good, good.size() / 2), flipped(good, good.size() - 8),
+          flipped(good, good.size() - 1), good.substr(0, good.size() - 8), good + "junk"}) {
         SCOPED_TRACE(payload.size());
         EXPECT_EQ(unpack(handMade(payload)), kFileUnreadable);
+    }
+    // Two members are one stream.
+    const std::string second = test::tarBytes({test::fileEntry("g", "second")}, TarFilter::kGzip);
+    EXPECT_EQ(unpack(handMade(good + second)), kOk);
+
+    // zstd: a frame cut short (the tar inside may already have ended), junk
+    // after the last frame. (A changed byte of stored data shows only in the
+    // member's digests: frames are written without checksums.)
+    const std::string zstd =
+        test::tarBytes({test::fileEntry("f", test::noiseBytes(20000, 7))}, TarFilter::kZstd);
+    ASSERT_EQ(unpack(handMade(zstd, {}, "package.tzst")), kOk);
+    for (const std::string& payload :
+         {zstd.substr(0, zstd.size() - 4), zstd.substr(0, zstd.size() / 2), zstd + "junk"}) {
+        SCOPED_TRACE(payload.size());
+        EXPECT_EQ(unpack(handMade(payload, {}, "package.tzst")), kFileUnreadable);
     }
 }
 

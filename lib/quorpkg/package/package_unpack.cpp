@@ -12,11 +12,10 @@
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/archive_io.h"
-#include "quorpkg/package/digest_worker.h"
 #include "quorpkg/package/entry_check.h"
-#include "quorpkg/package/gzip_check.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/package_reader.h"
+#include "quorpkg/package/payload_pipe.h"
 #include "quorpkg/package/write_behind.h"
 
 namespace fs = std::filesystem;
@@ -132,35 +131,6 @@ std::uint64_t diskCost(archive_entry* entry) {
     return blocks * kBlock;
 }
 
-// The payload as a stream read from the outer archive's current member,
-// hashed on the way through (on the worker's thread, while this one
-// decompresses, checks and writes).
-struct PayloadStream {
-    archive* outer;
-    DigestWorker digests;
-    std::unique_ptr<GzipTrailerCheck> gzip;  // for a gzip payload
-
-    void checkCompressed(const void* data, size_t size) {
-        if (gzip) gzip->update(data, size);
-    }
-
-    static la_ssize_t read(archive* inner, void* self, const void** block) {
-        auto* stream = static_cast<PayloadStream*>(self);
-        char* buffer = stream->digests.buffer();
-        la_ssize_t n = archive_read_data(stream->outer, buffer, DigestWorker::kBufferSize);
-        if (n < 0) {
-            archive_set_error(inner, EIO, "%s", archive_io::errorText(stream->outer).c_str());
-            return -1;
-        }
-        stream->checkCompressed(buffer, static_cast<size_t>(n));
-        // libarchive reads a block until its next call; the worker keeps
-        // kBuffers - 1 blocks back untouched.
-        stream->digests.submit(static_cast<size_t>(n));
-        *block = buffer;
-        return n;
-    }
-};
-
 // Reads the payload's entries from the current member of `outer`, checks
 // each and writes it with `disk`, as long as the entries' sizes stay within
 // `allowance` (counted from each header before the entry is written). The
@@ -170,21 +140,16 @@ struct PayloadStream {
 int streamPayload(archive* outer, const std::string& member, const Manifest& manifest,
                   std::uint64_t allowance, DiskWriter& disk, std::string& sha256,
                   std::string& why) {
-    auto stream = std::make_unique<PayloadStream>();
-    stream->outer = outer;
+    // Only the two compressions a payload may use, decompressed by zlib or
+    // libzstd themselves: no external programs are ever started for
+    // untrusted input.
+    const bool zstd = member == "package.tzst";
+    auto pipe = std::make_unique<PayloadPipe>(
+        outer, zstd ? StreamDecoder::Codec::kZstd : StreamDecoder::Codec::kGzip);
     archive_io::ReadArchive inner(archive_read_new());
     archive_read_support_format_tar(inner.get());
-    // Only the two decompressors a payload may use: no external programs
-    // are ever started for untrusted input.
-    bool zstd = member == "package.tzst";
-    if (zstd) {
-        archive_read_support_filter_zstd(inner.get());
-    } else {
-        archive_read_support_filter_gzip(inner.get());
-        stream->gzip = std::make_unique<GzipTrailerCheck>();
-    }
-    archive_read_set_read_callback(inner.get(), &PayloadStream::read);
-    archive_read_set_callback_data(inner.get(), stream.get());
+    archive_read_set_read_callback(inner.get(), &PayloadPipe::read);
+    archive_read_set_callback_data(inner.get(), pipe.get());
 
     int code = kOk;
     if (archive_read_open1(inner.get()) != ARCHIVE_OK) {
@@ -197,8 +162,7 @@ int streamPayload(archive* outer, const std::string& member, const Manifest& man
         archive_entry* entry = nullptr;
         int r = archive_read_next_header(inner.get(), &entry);
         if (r == ARCHIVE_EOF) break;
-        int wanted = zstd ? ARCHIVE_FILTER_ZSTD : ARCHIVE_FILTER_GZIP;
-        if (r < ARCHIVE_WARN || archive_filter_code(inner.get(), 0) != wanted) {
+        if (r < ARCHIVE_WARN) {
             why = "cannot read the payload " + member + ": " + archive_io::errorText(inner.get());
             code = kFileUnreadable;
             break;
@@ -214,29 +178,22 @@ int streamPayload(archive* outer, const std::string& member, const Manifest& man
             code = disk.write(inner.get(), entry, *name, std::nullopt, nullptr, why);
         }
     }
-    // Hash what the payload reader left of the member.
-    const void* block;
-    size_t size;
-    la_int64_t offset;
-    int r;
-    while ((r = archive_read_data_block(outer, &block, &size, &offset)) == ARCHIVE_OK) {
-        stream->checkCompressed(block, size);
-        stream->digests.update(block, size);
-    }
-    if (r != ARCHIVE_EOF) {
-        why = "cannot read " + member + ": " + archive_io::errorText(outer);
+    // The rest of the member is read and hashed, and decompressed to see
+    // that it is whole.
+    const PayloadPipe::Outcome outcome = pipe->finish();
+    if (!outcome.readError.empty()) {
+        why = "cannot read " + member + ": " + outcome.readError;
         return kFileUnreadable;
     }
-    const FileDigests digests = stream->digests.finish();
-    sha256 = digests.sha256;
-    if ((!manifest.checksum.empty() && digests.md5 != manifest.checksum) ||
-        (!manifest.sha256.empty() && digests.sha256 != manifest.sha256)) {
+    sha256 = outcome.digests.sha256;
+    if ((!manifest.checksum.empty() && outcome.digests.md5 != manifest.checksum) ||
+        (!manifest.sha256.empty() && outcome.digests.sha256 != manifest.sha256)) {
         why = "checksum mismatch of " + member;
         return kChecksumMismatch;
     }
-    // zstd checks its own frame checksums while decompressing.
-    if (code == kOk && stream->gzip && !stream->gzip->complete()) {
-        why = "damaged compressed data in " + member + " (gzip trailer)";
+    if (code == kOk && !outcome.whole) {
+        why = "damaged compressed data in " + member + " (" +
+              (zstd ? "zstd frame" : "gzip trailer") + ")";
         return kFileUnreadable;
     }
     return code;
