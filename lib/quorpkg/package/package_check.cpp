@@ -155,7 +155,10 @@ void checkTopLevel(const fs::path& dir, Problems& problems) {
 
 std::string formatProblem(const PackageProblem& problem) {
     std::string out = problem.path;
-    if (problem.line > 0) out += ":" + std::to_string(problem.line);
+    if (problem.line > 0) {
+        out += ':';
+        out += std::to_string(problem.line);
+    }
     out += ": ";
     if (problem.warning) out += "warning: ";
     return out + problem.message;

@@ -17,8 +17,11 @@ namespace quor {
 class TempFile {
 public:
     explicit TempFile(const std::filesystem::path& final) : final_(final) {
+        std::string hidden = ".";
+        hidden += final.filename().string();
+        hidden += ".XXXXXX";
         name_ = (final.has_parent_path() ? final.parent_path() : std::filesystem::path("."))
-                    .append("." + final.filename().string() + ".XXXXXX")
+                    .append(hidden)
                     .string();
         fd_ = UniqueFd(::mkstemp(name_.data()));
         if (!fd_) name_.clear();
