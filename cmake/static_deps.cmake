@@ -1,15 +1,15 @@
-# Links the libraries every command loads (Boost, OpenSSL's libcrypto,
-# libarchive and its compressors) statically where Debian ships the .a:
-# relocating their shared objects was most of a short command's time, and a
-# static archive brings only the members we call (libarchive's tar and
-# gzip/zstd support, without libxml2 and ICU). jsoncpp has no .a and stays
-# shared. Include before find_package(Boost/OpenSSL/LibArchive); call
+# Links the libraries every command loads (Boost, libarchive and its
+# compressors) statically where Debian ships the .a: relocating their shared
+# objects was most of a short command's time, and a static archive brings
+# only the members we call (libarchive's tar and gzip/zstd support, without
+# libxml2 and ICU). libcrypto is neither: it is loaded by the commands that
+# hash or verify (crypto_api.h), as libcurl by those that download.
+# Include before find_package(Boost/LibArchive); call
 # quor_static_libarchive() after find_package(LibArchive).
-option(QUOR_STATIC_DEPS "Link Boost, libcrypto and libarchive statically" ON)
+option(QUOR_STATIC_DEPS "Link Boost and libarchive statically" ON)
 
 if(QUOR_STATIC_DEPS)
   set(Boost_USE_STATIC_LIBS ON)
-  set(OPENSSL_USE_STATIC_LIBS TRUE)
 endif()
 
 function(quor_static_libarchive)

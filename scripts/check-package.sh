@@ -63,8 +63,9 @@ dpkg-deb -x "$deb" "$work/deb"
 check_tree "$work/deb" deb
 depends=$(dpkg-deb -f "$deb" Depends)
 # Every shared library the binaries load (what is linked statically loads
-# nothing), and libcurl, which is opened at run time, must be depended on.
-needs=(libcurl4)
+# nothing), and libcurl and libcrypto, which are opened at run time, must be
+# depended on.
+needs=(libcurl4 libssl3)
 for lib in $(objdump -p "$work/deb/usr/bin/quorpkg" "$work/deb/usr/bin/zpk" |
     awk '/NEEDED/ {print $2}' | sort -u); do
   owner=$(dpkg -S "*/$lib" 2>/dev/null | head -n 1 | cut -d: -f1)

@@ -40,7 +40,7 @@ public:
 private:
     // One digest and the thread that feeds it the submitted blocks.
     struct Lane {
-        explicit Lane(const EVP_MD* algorithm) : digest(algorithm) {}
+        explicit Lane(DigestAlgorithm algorithm) : digest(algorithm) {}
         Digest digest;
         size_t hashed = 0;  // blocks this lane is done with
         std::thread thread;
@@ -50,8 +50,8 @@ private:
     void drain();
     size_t slowest() const { return std::min(md5_.hashed, sha256_.hashed); }
 
-    Lane md5_{EVP_md5()};
-    Lane sha256_{EVP_sha256()};
+    Lane md5_{DigestAlgorithm::kMd5};
+    Lane sha256_{DigestAlgorithm::kSha256};
     std::unique_ptr<char[]> buffers_;
     size_t sizes_[kBuffers] = {};
     std::mutex mutex_;

@@ -5,25 +5,33 @@
 
 #include <cctype>
 #include <cerrno>
-#include <stdexcept>
 
 #include "base/file_util.h"
+#include "quorpkg/package/crypto_api.h"
 
 namespace quor {
 
-Digest::Digest(const EVP_MD* algorithm) : ctx_(EVP_MD_CTX_new()) {
-    if (!ctx_ || EVP_DigestInit_ex(ctx_.get(), algorithm, nullptr) != 1)
-        throw std::runtime_error("digest is not available");
+void Digest::CtxDeleter::operator()(EVP_MD_CTX* ctx) const {
+    cryptoApi()->MD_CTX_free(ctx);  // there is a context only with the library
+}
+
+Digest::Digest(DigestAlgorithm algorithm) {
+    const CryptoApi* api = cryptoApi();
+    if (!api) return;
+    ctx_.reset(api->MD_CTX_new());
+    const EVP_MD* md = algorithm == DigestAlgorithm::kMd5 ? api->md5() : api->sha256();
+    if (ctx_ && api->DigestInit_ex(ctx_.get(), md, nullptr) != 1) ctx_.reset();
 }
 
 void Digest::update(const void* data, size_t size) {
-    EVP_DigestUpdate(ctx_.get(), data, size);
+    if (ctx_) cryptoApi()->DigestUpdate(ctx_.get(), data, size);
 }
 
 std::string Digest::hex() {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    EVP_DigestFinal_ex(ctx_.get(), digest, &length);
+    if (!ctx_ || cryptoApi()->DigestFinal_ex(ctx_.get(), digest, &length) != 1) return {};
+    ctx_.reset();
     static const char* digits = "0123456789abcdef";
     std::string out;
     for (unsigned int i = 0; i < length; ++i) {

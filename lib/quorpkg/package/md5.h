@@ -12,27 +12,30 @@
 
 namespace quor {
 
-// A digest computed piece by piece, with any of OpenSSL's algorithms.
+enum class DigestAlgorithm { kMd5, kSha256 };
+
+// A digest computed piece by piece with OpenSSL (loaded on first use). When
+// libcrypto cannot be loaded, every digest is empty, which matches none.
 class Digest {
 public:
-    explicit Digest(const EVP_MD* algorithm);
+    explicit Digest(DigestAlgorithm algorithm);
     void update(const void* data, size_t size);
     // Lower-case hex; the digest cannot be updated afterwards.
     std::string hex();
 
 private:
     struct CtxDeleter {
-        void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+        void operator()(EVP_MD_CTX* ctx) const;
     };
     std::unique_ptr<EVP_MD_CTX, CtxDeleter> ctx_;
 };
 
 struct Md5 : Digest {
-    Md5() : Digest(EVP_md5()) {}
+    Md5() : Digest(DigestAlgorithm::kMd5) {}
 };
 
 struct Sha256 : Digest {
-    Sha256() : Digest(EVP_sha256()) {}
+    Sha256() : Digest(DigestAlgorithm::kSha256) {}
 };
 
 // Both digests of one file, read once.

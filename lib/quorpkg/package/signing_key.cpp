@@ -1,9 +1,7 @@
 #include "quorpkg/package/signing_key.h"
 
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-
 #include "base/file_util.h"
+#include "quorpkg/package/crypto_api.h"
 #include "quorpkg/package/md5.h"
 
 namespace quor {
@@ -13,35 +11,43 @@ constexpr size_t kSignatureSize = 64;
 // A PEM key is a few hundred bytes; anything much larger is not one.
 constexpr size_t kMaxKeyFile = 64 * 1024;
 
+// Objects exist only once the library is loaded.
 struct BioDeleter {
-    void operator()(BIO* bio) const { BIO_free(bio); }
+    void operator()(BIO* bio) const { cryptoApi()->BIO_free(bio); }
 };
 using Bio = std::unique_ptr<BIO, BioDeleter>;
 
 struct MdCtxDeleter {
-    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+    void operator()(EVP_MD_CTX* ctx) const { cryptoApi()->MD_CTX_free(ctx); }
 };
 using MdCtx = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
 
-std::string bioText(BIO* bio) {
+std::string bioText(const CryptoApi& api, BIO* bio) {
     char* data = nullptr;
-    long size = BIO_get_mem_data(bio, &data);
+    // BIO_get_mem_data, a macro over BIO_ctrl.
+    long size = api.BIO_ctrl(bio, BIO_CTRL_INFO, 0, &data);
     return size > 0 ? std::string(data, static_cast<size_t>(size)) : std::string();
 }
 
 EVP_PKEY* readPem(const std::filesystem::path& file, bool isPrivate, std::string& why) {
+    std::string loadError;
+    const CryptoApi* api = cryptoApi(&loadError);
+    if (!api) {
+        why = "cannot read keys: " + loadError;
+        return nullptr;
+    }
     std::optional<std::string> text = readFile(file);
     if (!text || text->size() > kMaxKeyFile) {
         why = "cannot read " + file.string();
         return nullptr;
     }
-    Bio bio(BIO_new_mem_buf(text->data(), static_cast<int>(text->size())));
+    Bio bio(api->BIO_new_mem_buf(text->data(), static_cast<int>(text->size())));
     EVP_PKEY* key = nullptr;
     if (bio)
-        key = isPrivate ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
-                        : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
-    if (key && EVP_PKEY_get_id(key) != EVP_PKEY_ED25519) {
-        EVP_PKEY_free(key);
+        key = isPrivate ? api->PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
+                        : api->PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
+    if (key && api->PKEY_get_id(key) != EVP_PKEY_ED25519) {
+        api->PKEY_free(key);
         key = nullptr;
     }
     if (!key)
@@ -51,16 +57,21 @@ EVP_PKEY* readPem(const std::filesystem::path& file, bool isPrivate, std::string
 
 }  // namespace
 
+void SigningKey::KeyDeleter::operator()(EVP_PKEY* key) const {
+    cryptoApi()->PKEY_free(key);
+}
+
 SigningKey::SigningKey(EVP_PKEY* key, bool hasPrivate)
     : key_(key, KeyDeleter()), private_(hasPrivate) {
     unsigned char raw[32];
     size_t length = sizeof raw;
-    if (EVP_PKEY_get_raw_public_key(key, raw, &length) == 1)
+    if (cryptoApi()->PKEY_get_raw_public_key(key, raw, &length) == 1)
         id_ = dataSha256Hex(std::string_view(reinterpret_cast<char*>(raw), length)).substr(0, 16);
 }
 
 std::optional<SigningKey> SigningKey::generate() {
-    EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+    const CryptoApi* api = cryptoApi();
+    EVP_PKEY* key = api ? api->PKEY_Q_keygen(nullptr, nullptr, "ED25519") : nullptr;
     if (!key) return std::nullopt;
     return SigningKey(key, true);
 }
@@ -86,28 +97,33 @@ std::optional<SigningKey> SigningKey::loadPublic(const std::filesystem::path& fi
     return load(file, false, error);
 }
 
+// A SigningKey holds a key only when the library is loaded.
 std::string SigningKey::privatePem() const {
-    Bio bio(BIO_new(BIO_s_mem()));
+    const CryptoApi& api = *cryptoApi();
+    Bio bio(api.BIO_new(api.BIO_s_mem()));
     if (!private_ || !bio ||
-        PEM_write_bio_PrivateKey(bio.get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
+        api.PEM_write_bio_PrivateKey(bio.get(), key_.get(), nullptr, nullptr, 0, nullptr,
+                                     nullptr) != 1)
         return {};
-    return bioText(bio.get());
+    return bioText(api, bio.get());
 }
 
 std::string SigningKey::publicPem() const {
-    Bio bio(BIO_new(BIO_s_mem()));
-    if (!bio || PEM_write_bio_PUBKEY(bio.get(), key_.get()) != 1) return {};
-    return bioText(bio.get());
+    const CryptoApi& api = *cryptoApi();
+    Bio bio(api.BIO_new(api.BIO_s_mem()));
+    if (!bio || api.PEM_write_bio_PUBKEY(bio.get(), key_.get()) != 1) return {};
+    return bioText(api, bio.get());
 }
 
 std::string SigningKey::sign(std::string_view message) const {
-    MdCtx ctx(EVP_MD_CTX_new());
+    const CryptoApi& api = *cryptoApi();
+    MdCtx ctx(api.MD_CTX_new());
     std::string signature(kSignatureSize, '\0');
     size_t length = signature.size();
     // Ed25519 hashes the message itself: no digest is named.
     if (!private_ || !ctx ||
-        EVP_DigestSignInit(ctx.get(), nullptr, nullptr, nullptr, key_.get()) != 1 ||
-        EVP_DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
+        api.DigestSignInit(ctx.get(), nullptr, nullptr, nullptr, key_.get()) != 1 ||
+        api.DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
                        reinterpret_cast<const unsigned char*>(message.data()),
                        message.size()) != 1 ||
         length != kSignatureSize)
@@ -117,9 +133,10 @@ std::string SigningKey::sign(std::string_view message) const {
 
 bool SigningKey::verify(std::string_view message, std::string_view signature) const {
     if (signature.size() != kSignatureSize) return false;
-    MdCtx ctx(EVP_MD_CTX_new());
-    return ctx && EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key_.get()) == 1 &&
-           EVP_DigestVerify(ctx.get(), reinterpret_cast<const unsigned char*>(signature.data()),
+    const CryptoApi& api = *cryptoApi();
+    MdCtx ctx(api.MD_CTX_new());
+    return ctx && api.DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key_.get()) == 1 &&
+           api.DigestVerify(ctx.get(), reinterpret_cast<const unsigned char*>(signature.data()),
                             signature.size(),
                             reinterpret_cast<const unsigned char*>(message.data()),
                             message.size()) == 1;

@@ -1,4 +1,5 @@
-// Ed25519 keys of package publishers, through OpenSSL's EVP interface: the
+// Ed25519 keys of package publishers, through OpenSSL's EVP interface
+// (libcrypto loaded on first use; without it there are no keys): the
 // private key signs package files and catalogs, the public key (installed on
 // devices) verifies them. Keys are stored as PEM (PKCS#8 for the private
 // key, SubjectPublicKeyInfo for the public one).
@@ -38,7 +39,7 @@ public:
 
 private:
     struct KeyDeleter {
-        void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+        void operator()(EVP_PKEY* key) const;
     };
     SigningKey(EVP_PKEY* key, bool hasPrivate);
     static std::optional<SigningKey> load(const std::filesystem::path& file, bool isPrivate,
