@@ -33,7 +33,10 @@ list() { echo "env QUOR_ROOT=$work/$1 $QUORPKG list"; }
 # Both listings must be byte-identical to what the store holds.
 [ "$(QUOR_ROOT=$work/dev1k "$QUORPKG" list | wc -l)" -eq 1000 ]
 [ -z "${BASELINE:-}" ] || cmp <(QUOR_ROOT=$work/dev10k "$QUORPKG" list) <(QUOR_ROOT=$work/dev10k "$BASELINE" list)
-hyperfine_pair list-1k-vs-dpkg -N --warmup 5 --runs 100 -- "$(list dev1k)" "dpkg-query --admindir=$admin -W"
+# The root comes from the environment, so that neither side pays for an
+# extra exec of env(1).
+QUOR_ROOT=$work/dev1k hyperfine_pair list-1k-vs-dpkg -N --warmup 5 --runs 100 -- \
+  "$QUORPKG list" "dpkg-query --admindir=$admin -W"
 hyperfine_pair list-10k-vs-1k -N --warmup 3 --runs 30 -- "$(list dev10k)" "$(list dev1k)"
 peak_rss "quorpkg list, 10,000 installed" env QUOR_ROOT=$work/dev10k "$QUORPKG" list
 [ -z "${BASELINE:-}" ] || peak_rss "the same, baseline binary" env QUOR_ROOT=$work/dev10k "$BASELINE" list

@@ -72,8 +72,9 @@ mkdir -p "$QUOR_ROOT/volume1" "$work/untar"
 for kind in gz zst; do
   flag=-z; [ $kind = zst ] && flag=--zstd
   archive=$work/payload.tgz; [ $kind = zst ] && archive=$work/payload.tzst
-  hyperfine --runs 5 --export-json "$results/install-$kind.json" \
-    --prepare "$quorpkg uninstall payload >/dev/null 2>&1 || true; rm -rf $work/untar/*" \
+  # sync: neither side's run flushes what the run before it left dirty.
+  hyperfine --runs 8 --export-json "$results/install-$kind.json" \
+    --prepare "$quorpkg uninstall payload >/dev/null 2>&1 || true; rm -rf $work/untar/*; sync" \
     "$quorpkg install $work/payload-$kind.zpk" "tar -C $work/untar $flag -xf $archive"
 done
 
