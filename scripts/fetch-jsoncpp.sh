@@ -18,8 +18,10 @@ if [ -f "$tree/src/lib_json/json_value.cpp" ]; then
 fi
 mkdir -p "$dir/apt/lists/partial" "$dir/apt/cache/archives/partial"
 codename=$(. /etc/os-release && echo "$VERSION_CODENAME")
+# The mirror the machine installs its packages from, else Debian's own.
+mirror=$(apt-cache policy | awk -v suite="$codename/main" '$3 == suite && /Packages$/ {print $2; exit}')
 echo "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]" \
-  "http://deb.debian.org/debian $codename main" > "$dir/apt/sources.list"
+  "${mirror:-http://deb.debian.org/debian} $codename main" > "$dir/apt/sources.list"
 apt_private=(-o Dir::Etc::sourcelist="$dir/apt/sources.list" -o Dir::Etc::sourceparts=/nonexistent
   -o Dir::State::Lists="$dir/apt/lists" -o Dir::Cache="$dir/apt/cache"
   -o APT::Sandbox::User=root)
