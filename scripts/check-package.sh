@@ -66,9 +66,13 @@ depends=$(dpkg-deb -f "$deb" Depends)
 # nothing), and libcurl and libcrypto, which are opened at run time, must be
 # depended on.
 needs=(libcurl4 libssl3)
+# The libraries of this architecture: another one's (libc6-i386) may own a
+# library of the same name.
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 for lib in $(objdump -p "$work/deb/usr/bin/quorpkg" "$work/deb/usr/bin/zpk" |
     awk '/NEEDED/ {print $2}' | sort -u); do
-  owner=$(dpkg -S "*/$lib" 2>/dev/null | head -n 1 | cut -d: -f1)
+  owner=$( (dpkg -S "/lib/$multiarch/$lib" || dpkg -S "/usr/lib/$multiarch/$lib") 2>/dev/null |
+    head -n 1 | cut -d: -f1)
   [ -n "$owner" ] && needs+=("$owner") || fail "deb: no package owns $lib"
 done
 # The package names of Depends, one a line, versions left out.
