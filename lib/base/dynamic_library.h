@@ -41,4 +41,12 @@ LoadedLibrary<Api> loadLibrary(const char* name, BindAll bindAll) {
     return loaded;
 }
 
+// The table of a loaded library, or nullptr with the reason in `error`
+// (when given).
+template <typename Api>
+const Api* loadedApi(const LoadedLibrary<Api>& loaded, std::string* error) {
+    if (!loaded.ok && error) *error = loaded.error;
+    return loaded.ok ? &loaded.api : nullptr;
+}
+
 }  // namespace quor

@@ -40,8 +40,7 @@ const CryptoApi* cryptoApi(std::string* error) {
     // Loaded once; the first caller initialises it while any others wait.
     // Digests may be computed until the process ends.
     static const LoadedLibrary<CryptoApi> loaded = loadLibrary<CryptoApi>(kLibraryName, bindCrypto);
-    if (!loaded.ok && error) *error = loaded.error;
-    return loaded.ok ? &loaded.api : nullptr;
+    return loadedApi(loaded, error);
 }
 
 }  // namespace quor

@@ -36,8 +36,7 @@ const CurlApi* curlApi(std::string* error) {
     // A function-local static: loaded once, the first caller initialises it
     // while any others wait. Transfers may run until the process ends.
     static const LoadedLibrary<CurlApi> loaded = loadLibrary<CurlApi>(kLibraryName, bindCurl);
-    if (!loaded.ok && error) *error = loaded.error;
-    return loaded.ok ? &loaded.api : nullptr;
+    return loadedApi(loaded, error);
 }
 
 }  // namespace quor
