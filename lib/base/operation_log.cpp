@@ -3,12 +3,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <system_error>
 
 #include "base/capped_file.h"
 #include "base/result.h"
 #include "base/system_root.h"
+#include "base/utc_time.h"
 
 namespace quor {
 namespace {
@@ -18,15 +18,6 @@ std::string printable(std::string text) {
     for (char& c : text)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
     return text;
-}
-
-std::string utcStamp() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    char stamp[32];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return stamp;
 }
 
 }  // namespace
@@ -48,7 +39,7 @@ void logOperation(const std::string& name, const std::string& package, const Out
     if (rootExists()) {
         std::error_code ec;
         std::filesystem::create_directories(file.parent_path(), ec);
-        appendCapped(file, utcStamp() + " [" + std::to_string(::getpid()) + "] " + line + "\n",
+        appendCapped(file, formatUtc(nowSeconds()) + " [" + std::to_string(::getpid()) + "] " + line + "\n",
                      kOperationLogCap);
     }
     // No openlog: its name and options are the process's, and the tool's own

@@ -51,6 +51,10 @@ const char* resultMeaning(int code) {
             return "built for another architecture";
         case kFirmwareTooOld:
             return "needs a newer firmware";
+        case kSignatureRefused:
+            return "refused by its signature";
+        case kTrustRefused:
+            return "not vouched for by the source's keys";
         case kMissingDependency:
             return "a required package is missing or too old";
         case kConflict:
@@ -61,6 +65,8 @@ const char* resultMeaning(int code) {
             return "other installed packages depend on it";
         case kFirmwareBlocked:
             return "blocked by the firmware limit";
+        case kDowngradeRefused:
+            return "it would lower an installed version";
         case kScriptFailed:
             return "a lifecycle script failed";
         case kScriptTimeout:
@@ -77,6 +83,10 @@ const char* resultMeaning(int code) {
             return "the server does not offer that package";
         case kDownloadFailed:
             return "the download failed";
+        case kMetadataExpired:
+            return "the source's signed metadata expired";
+        case kMetadataRollback:
+            return "the source's signed metadata is older than the kept or not its own";
         case kTaskRunning:
             return "a background installation of that package is already running";
         case kNoSuchPackage:

@@ -22,6 +22,7 @@ bool bindCrypto(void* lib, CryptoApi& api, std::string&) {
            bindFunction(lib, "EVP_PKEY_free", api.PKEY_free) &&
            bindFunction(lib, "EVP_PKEY_get_id", api.PKEY_get_id) &&
            bindFunction(lib, "EVP_PKEY_get_raw_public_key", api.PKEY_get_raw_public_key) &&
+           bindFunction(lib, "EVP_PKEY_new_raw_public_key", api.PKEY_new_raw_public_key) &&
            bindFunction(lib, "EVP_PKEY_Q_keygen", api.PKEY_Q_keygen) &&
            bindFunction(lib, "BIO_new", api.BIO_new) &&
            bindFunction(lib, "BIO_s_mem", api.BIO_s_mem) &&

@@ -28,6 +28,7 @@ struct CryptoApi {
     decltype(&::EVP_PKEY_free) PKEY_free = nullptr;
     decltype(&::EVP_PKEY_get_id) PKEY_get_id = nullptr;
     decltype(&::EVP_PKEY_get_raw_public_key) PKEY_get_raw_public_key = nullptr;
+    decltype(&::EVP_PKEY_new_raw_public_key) PKEY_new_raw_public_key = nullptr;
     decltype(&::EVP_PKEY_Q_keygen) PKEY_Q_keygen = nullptr;
     decltype(&::BIO_new) BIO_new = nullptr;
     decltype(&::BIO_s_mem) BIO_s_mem = nullptr;

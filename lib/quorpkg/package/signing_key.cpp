@@ -97,6 +97,22 @@ std::optional<SigningKey> SigningKey::loadPublic(const std::filesystem::path& fi
     return load(file, false, error);
 }
 
+std::optional<SigningKey> SigningKey::fromRawPublic(std::string_view raw) {
+    const CryptoApi* api = cryptoApi();
+    if (!api || raw.size() != 32) return std::nullopt;
+    EVP_PKEY* key = api->PKEY_new_raw_public_key(
+        EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(raw.data()), raw.size());
+    if (!key) return std::nullopt;
+    return SigningKey(key, false);
+}
+
+std::string SigningKey::rawPublic() const {
+    unsigned char raw[32];
+    size_t length = sizeof raw;
+    if (cryptoApi()->PKEY_get_raw_public_key(key_.get(), raw, &length) != 1) return {};
+    return std::string(reinterpret_cast<char*>(raw), length);
+}
+
 // A SigningKey holds a key only when the library is loaded.
 std::string SigningKey::privatePem() const {
     const CryptoApi& api = *cryptoApi();

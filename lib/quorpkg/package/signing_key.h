@@ -25,12 +25,16 @@ public:
                                                  std::string* error = nullptr);
     static std::optional<SigningKey> loadPublic(const std::filesystem::path& file,
                                                 std::string* error = nullptr);
+    // A public key from its raw 32 bytes, as a source's root lists it.
+    static std::optional<SigningKey> fromRawPublic(std::string_view raw);
 
     bool hasPrivate() const { return private_; }
     // The first 16 hex digits of the sha256 of the raw 32-byte public key.
     const std::string& id() const { return id_; }
 
     std::string privatePem() const;
+    // The raw 32-byte public key.
+    std::string rawPublic() const;
     std::string publicPem() const;
 
     // The raw 64-byte signature of `message`; empty without a private key.
