@@ -27,6 +27,17 @@ int zpkSign(int argc, char** argv);
 std::optional<quor::SigningKey> zpkLoadKey(const char* file);
 // zpk check DIR|FILE.zpk: check.cpp
 int zpkCheck(int argc, char** argv);
+// The publisher's verbs of a trusted source: channel.cpp.
+// zpk source new DIR ...: the draft of a new source's first root.
+int zpkSource(int argc, char** argv);
+// zpk root sign FILE KEY | zpk root next DIR ...: signing and rotating roots.
+int zpkRoot(int argc, char** argv);
+// zpk release DIR ...: a new catalog version and timestamp.
+int zpkRelease(int argc, char** argv);
+// zpk timestamp DIR ...: a re-signed timestamp, for cron.
+int zpkTimestamp(int argc, char** argv);
+// zpk verify SOURCE --root SHA256: verify.cpp, a served source as devices see it.
+int zpkVerify(int argc, char** argv);
 // zpk contents FILE.zpk: contents.cpp
 int zpkContents(int argc, char** argv);
 

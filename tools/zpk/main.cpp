@@ -29,6 +29,19 @@ const Command kCommands[] = {
      "check DIR|FILE.zpk               report every problem of a package source or file"},
     {"contents", zpkContents,
      "contents FILE.zpk                list the files of a package file's payload"},
+    {"source", zpkSource,
+     "source new DIR --id ID ...       start a trusted source: the draft of its first root"},
+    {"root", zpkRoot,
+     "root sign FILE KEY | root next DIR ...\n"
+     "                                   sign a root draft; draft the next root (rotation)"},
+    {"release", zpkRelease,
+     "release DIR --catalog-key KEY --timestamp-key KEY\n"
+     "                                   publish the packages in DIR as a new catalog version"},
+    {"timestamp", zpkTimestamp,
+     "timestamp DIR --timestamp-key KEY\n"
+     "                                   re-sign the source's timestamp (from cron)"},
+    {"verify", zpkVerify,
+     "verify SOURCE --root SHA256      check a served source as a device walks it"},
 };
 
 int usage(FILE* out) {

@@ -110,11 +110,15 @@ int buildCatalog(const fs::path& dir, Json::Value& catalog, std::string* error) 
     return kOk;
 }
 
-int writeCatalogFiles(const fs::path& dir, const Json::Value& catalog, std::string* error,
-                      const SigningKey* key) {
+std::string catalogText(const Json::Value& catalog) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
-    const std::string text = Json::writeString(builder, catalog) + "\n";
+    return Json::writeString(builder, catalog) + "\n";
+}
+
+int writeCatalogFiles(const fs::path& dir, const Json::Value& catalog, std::string* error,
+                      const SigningKey* key) {
+    const std::string text = catalogText(catalog);
     std::string signature;
     if (key) {
         const std::string statement =

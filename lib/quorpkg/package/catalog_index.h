@@ -19,6 +19,9 @@ namespace quor {
 int buildCatalog(const std::filesystem::path& dir, Json::Value& catalog,
                  std::string* error = nullptr);
 
+// The catalog as catalog.json holds it: indented JSON and a newline.
+std::string catalogText(const Json::Value& catalog);
+
 // Writes <dir>/catalog.json, with `key` its signature <dir>/catalog.json.sig
 // (else an old one is removed), then <dir>/catalog.hash, each atomically.
 // kOk or kStoreUnusable.
