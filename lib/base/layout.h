@@ -19,10 +19,10 @@ Path varDir(const std::string& name);        // .../var
 Path journalDir();                           // /var/packages/.journal
 
 Path appstoreDir(const Path& volume, const std::string& name);  // <volume>/@appstore/<name>
-Path volumeTmpDir(const Path& volume);                           // <volume>/@tmp/quorpkg
+Path volumeTmpDir(const Path& volume);                          // <volume>/@tmp/quorpkg
 
-Path logFile(const std::string& name);  // /var/log/packages/<name>.log
-Path lockFile();                        // /run/quorpkg/lock
+Path logFile(const std::string& name);     // /var/log/packages/<name>.log
+Path lockFile();                           // /run/quorpkg/lock
 Path activeMark(const std::string& name);  // /run/quorpkg/active/<name>
 Path taskFile(const std::string& name);    // /run/quorpkg/tasks/<name>.json
 Path listDir();                            // /var/cache/quorpkg/list
@@ -30,9 +30,16 @@ Path settingsFile();                       // /etc/quorpkg/settings
 Path sourcesFile();                        // /etc/quorpkg/sources
 Path firmwareLimitsFile();                 // /etc/quorpkg/firmware-limits
 Path trustedKeysDir();                     // /etc/quorpkg/keys
-Path webEntry(const std::string& name);    // /usr/quor/quorman/webman/3rdparty/<name>
-Path notificationsFile();                  // /var/spool/quorpkg/notifications
-Path hwRequestsFile();                     // /run/hwcontrol/requests
+Path shippedRootsDir();                    // /etc/quorpkg/roots
+Path originFile(const std::string& name);  // /var/packages/<name>/origin
+// What the device keeps of a source's channel, by the sha256 pinning it:
+// /var/lib/quorpkg/sources/<pin>
+Path channelStateDir(const std::string& pin);
+Path deviceIdFile();                     // /var/lib/quorpkg/device-id
+Path machineIdFile();                    // /etc/machine-id
+Path webEntry(const std::string& name);  // /usr/quor/quorman/webman/3rdparty/<name>
+Path notificationsFile();                // /var/spool/quorpkg/notifications
+Path hwRequestsFile();                   // /run/hwcontrol/requests
 
 // The volumes (directories at the root named "volume" and digits), by number.
 std::vector<Path> volumes();

@@ -51,6 +51,11 @@ Settings loadSettings() {
     readText(*pairs, "firmware_version", settings.firmware_version);
     readText(*pairs, "arch", settings.arch);
     readText(*pairs, "require_signature", settings.require_signature);
+    readNumber(*pairs, "fetch_timeout", 1, 3600, settings.fetch_timeout);
+    readNumber(*pairs, "expiry_slack", 0, 168, settings.expiry_slack);
+    readNumber(*pairs, "download_rate_kib", 0L, 1048576L, settings.download_rate_kib);
+    if (const std::string* phased = findValue(*pairs, "phased_updates"))
+        settings.phased_updates = *phased != "no";
     return settings;
 }
 

@@ -17,6 +17,10 @@ struct Settings {
     std::string firmware_version = "7.0";
     std::string arch;                    // empty means `uname -m`
     std::string require_signature;       // yes, no; empty: yes once a key is trusted
+    int fetch_timeout = 60;              // seconds for one request of server metadata
+    int expiry_slack = 0;                // hours a clock may lag when judging expiry
+    bool phased_updates = true;          // no: every release is offered at once
+    long download_rate_kib = 0;          // KiB/s for background downloads; 0: no cap
 };
 
 Settings loadSettings();

@@ -24,7 +24,7 @@ TEST(E2eHostile, ACatalogNestedTooDeepFailsLikeAnUnreachableServer) {
     std::vector<RunResult> unreachable;
     {
         test::ClosedPort closed;
-        test::writeText(sources, "quorserver " + closed.url() + "\n");
+        test::writeText(sources, "quorserver " + closed.url() + " unverified\n");
         for (const auto& command : commands) unreachable.push_back(device.quorpkg(command));
     }
 
@@ -32,7 +32,7 @@ TEST(E2eHostile, ACatalogNestedTooDeepFailsLikeAnUnreachableServer) {
     test::writeText(repo / "catalog.json",
                     "{\"packages\":[" + std::string(1200, '[') + std::string(1200, ']') + "]}");
     test::HttpServer server(repo);
-    test::writeText(sources, "quorserver " + server.url() + "\n");
+    test::writeText(sources, "quorserver " + server.url() + " unverified\n");
     for (size_t i = 0; i < commands.size(); ++i) {
         SCOPED_TRACE(commands[i][0]);
         RunResult result = device.quorpkg(commands[i]);

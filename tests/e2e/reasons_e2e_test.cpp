@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "base/file_util.h"
+#include "published_source.h"
 #include "server_fixture.h"
 #include "tool_runner.h"
 
@@ -131,15 +132,14 @@ TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
 }
 
 TEST_F(Reasons, ADownloadTheServerRefusesNamesTheUrlAndStatus) {
-    const fs::path repo = device.packageDir() / "repo";
-    fs::create_directories(repo);
-    const std::string file = device.package(test::packageSource("remote"));
-    fs::rename(device.packageDir() / file, repo / file);
-    ASSERT_EQ(runProgram(ZPK_BINARY, {"index", repo.string()}, repo).status, 0);
-    fs::remove(repo / file);
-    test::HttpServer server(repo);
+    PublishedSource source(device);
+    source.publish(test::packageSource("remote"));
+    source.release();
+    const std::string file = "remote-1.0-0001.zpk";
+    fs::remove(source.repo() / file);
+    test::HttpServer server(source.repo());
     test::writeText(device.root().host("/etc/quorpkg/sources"),
-                    "quorserver " + server.url() + "\n");
+                    source.sourcesLine(server.url()) + "\n");
 
     // Queued, so the command succeeds; the background worker logs the refusal.
     device.expect({"install_from_server", "remote"}, "", 0);
@@ -152,12 +152,11 @@ TEST_F(Reasons, ADownloadTheServerRefusesNamesTheUrlAndStatus) {
     expectLine({"GetPackageInfoFromServer ghost: 161", "no configured server offers ghost"},
                "a package the server does not offer");
 
-    fs::remove(repo / "catalog.json");
-    fs::remove(repo / "catalog.hash");
+    fs::remove(source.repo() / "timestamp");
     device.expect({"chkupgradepkg"}, "Fail to check upgrable packages in Quorvel package server\n",
                   1);
-    expectLine({"PMSCheckUpgrade -: 160", server.url() + "catalog.json", "HTTP status 404"},
-               "a server without a catalog");
+    expectLine({"PMSCheckUpgrade -: 160", server.url() + "timestamp", "HTTP status 404"},
+               "a server without a timestamp");
 }
 
 }  // namespace

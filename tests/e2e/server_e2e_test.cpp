@@ -1,10 +1,12 @@
 // install_from_server and the upgrade commands through the built binary,
-// against a real HTTP server serving a folder indexed by the built zpk tool.
+// against a real HTTP server serving a trusted source the built zpk tool
+// published.
 #include <gtest/gtest.h>
 
 #include <optional>
 
 #include "base/file_util.h"
+#include "published_source.h"
 #include "quorpkg/server/task_file.h"
 #include "server_fixture.h"
 #include "tool_runner.h"
@@ -24,21 +26,19 @@ test::PackageSource demo(const std::string& version) {
 class E2eServer : public ::testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories(repo);
         publish("1.0");
-        server.emplace(repo);
+        server.emplace(source.repo());
         useServer(server->url());
     }
 
-    // Builds the version with zpk into the served folder and indexes it.
+    // Builds the version with zpk into the served folder and releases it.
     void publish(const std::string& version) {
-        const std::string file = device.package(demo(version));
-        fs::rename(device.packageDir() / file, repo / file);
-        ASSERT_EQ(runProgram(ZPK_BINARY, {"index", repo.string()}, repo).status, 0);
+        source.publish(demo(version));
+        source.release();
     }
 
     void useServer(const std::string& url) const {
-        test::writeText(device.root().host("/etc/quorpkg/sources"), "quorserver " + url + "\n");
+        test::writeText(device.root().host("/etc/quorpkg/sources"), source.sourcesLine(url) + "\n");
     }
 
     std::string hashFile() const {
@@ -47,7 +47,7 @@ protected:
     }
 
     Device device;
-    fs::path repo = device.packageDir() / "repo";
+    PublishedSource source{device};
     std::optional<test::HttpServer> server;
 };
 
@@ -81,9 +81,11 @@ TEST_F(E2eServer, InstallFromServerThenCheckAndUpgrade) {
     device.expect({"upgradeall", "false"},
                   "Fail to upgrade all packages in Quorvel package server\n", 1);
     EXPECT_EQ(hashFile(), remembered);
-    EXPECT_EQ(device.quorpkg({"checkupdateall"}).out, "[]\n");
+    // The kept catalog has not expired: a cached check still answers.
+    EXPECT_EQ(device.quorpkg({"checkupdateall"}).out,
+              "[{\"beta\":false,\"id\":\"demo\",\"name\":\"Demo\",\"version\":\"2.0\"}]\n");
 
-    server.emplace(repo);
+    server.emplace(source.repo());
     useServer(server->url());
     // Limit-only by default: nothing blocked, nothing upgraded.
     EXPECT_EQ(device.quorpkg({"upgradeall"}).status, 0);

@@ -2,6 +2,7 @@
 // the list directory and several servers.
 #include "base/file_util.h"
 #include "base/layout.h"
+#include "base/operation_log.h"
 #include "base/result.h"
 #include "pkg_server.h"
 #include "quor_core.h"
@@ -45,32 +46,30 @@ TEST_F(ServerCatalog, HandsOutTheNewestEntryThisDeviceRunsWithItsLinkMadeAbsolut
     EXPECT_EQ(lastResult(), kBadArgument);
 }
 
-TEST_F(ServerCatalog, ALanguageHasItsOwnCatalogWithTheCommonOneAsFallback) {
-    publish(packageSource("app", "1.0", {{"displayname", "App"}}));
+TEST_F(ServerCatalog, ALanguageHasItsOwnCatalogWithTheDefaultOneAsFallback) {
+    publish(packageSource("app", "1.0"));
     serve();
-    std::string german = readFile(repo / "catalog.json").value();
-    german.replace(german.find("\"App\""), 5, "\"Anwendung\"");
-    writeText(repo / "catalog-ger.json", german);
-    writeText(repo / "catalog-ger.hash", "german-1\n");
+    publish(packageSource("app", "1.1"));
+    channel->release("ger");
 
-    Json::Value entry;
-    ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("app", entry, true, "ger", false));
-    EXPECT_EQ(entry["dname"].asString(), "Anwendung");
-    ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("app", entry, true, "fre", false));
-    EXPECT_EQ(entry["dname"].asString(), "App");
-    EXPECT_NE(cached("quorserver.hash.ger").find("hash=\"german-1\""), std::string::npos);
+    EXPECT_EQ(lookup("app", true, false, "ger"), "1.1");
+    EXPECT_EQ(lookup("app", true, false, "fre"), "1.0");
+    EXPECT_NE(cached("quorserver.list.ger"), "(missing)");
     EXPECT_NE(cached("quorserver.list.fre"), "(missing)");
-
     EXPECT_EQ(lookup("app", true, false, "../ger"), "");
     EXPECT_EQ(lastResult(), kBadArgument);
 }
 
-TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAges) {
+// An unverified source: the plain folder's hash decides what is downloaded.
+TEST_F(ServerCatalog, AnUnverifiedSourceDownloadsOnlyWhenTheHashChanges) {
+    channel.reset();
     publish(packageSource("app", "1.0"));
-    serve();
+    serveUnverified();
     EXPECT_EQ(lookup("app"), "1.0");
     const std::string hash = readFile(repo / "catalog.hash").value();
     EXPECT_NE(cached("quorserver.hash.enu").find("hash=\"" + hash.substr(0, 32) + "\""),
+              std::string::npos);
+    EXPECT_NE(readFile(operationLogFile()).value_or("").find("unverified source " + server->url()),
               std::string::npos);
 
     // A new catalog behind the old hash is not fetched; a new hash is.
@@ -97,10 +96,10 @@ TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAge
     // A server that is down or sends no catalog fails, leaving the cache.
     const std::string remembered = cached("quorserver.hash.enu");
     ClosedPort closed;
-    writeText(layout::sourcesFile(), "quorserver " + closed.url() + "\n");
+    writeText(layout::sourcesFile(), sourcesLine(closed.url()) + "\n");
     EXPECT_EQ(lookup("app"), "");
     EXPECT_EQ(lastResult(), kServerUnreachable);
-    writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
+    writeText(layout::sourcesFile(), sourcesLine(server->url()) + "\n");
     writeText(repo / "catalog.json", "<html>oops</html>");
     writeText(repo / "catalog.hash", "other\n");
     EXPECT_EQ(lookup("app"), "");
@@ -108,36 +107,59 @@ TEST_F(ServerCatalog, DownloadsOnlyWhenTheHashChangesAndTrustsTheCacheUntilItAge
     EXPECT_EQ(cached("quorserver.hash.enu"), remembered);
 }
 
-TEST_F(ServerCatalog, EveryServerCountsAndEachKeepsItsOwnCache) {
+// A name comes from the first source that offers it, so a later source
+// cannot shadow it with a higher version; a source that is down or
+// refused costs only its own packages.
+TEST_F(ServerCatalog, EachNameHasOneSourceAndASourceDownFailsOnlyItsOwn) {
     publish(packageSource("app", "1.0"));
     serve();
     TempDir otherRepo;
-    buildTestPackage(otherRepo.path(), packageSource("app", "2.0"));
-    buildTestPackage(otherRepo.path(), packageSource("tool", "1.0"));
-    index(otherRepo.path());
+    TestSource third(otherRepo.path(), "third-party");
+    for (const PackageSource& pkg : {packageSource("app", "9.0"), packageSource("tool", "1.0")})
+        third.sign(buildTestPackage(otherRepo.path(), pkg));
+    third.release();
     HttpServer other(otherRepo.path());
-    writeText(layout::sourcesFile(), "# the vendor first\nquorserver " + server->url() +
-                                         "\n\notherserver " + other.url() + "\n");
+    const std::string both = "# the vendor first\n" + sourcesLine(server->url()) + "\n\n" +
+                             third.sourcesLine(other.url(), "otherserver") + "\n";
+    writeText(layout::sourcesFile(), both);
 
     Json::Value entry;
     ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("app", entry, true, "enu", false));
-    EXPECT_EQ(entry["link"].asString(), other.url() + "app-2.0.zpk");
+    EXPECT_EQ(entry["link"].asString(), server->url() + "app-1.0.zpk");
     EXPECT_EQ(lookup("tool"), "1.0");
     EXPECT_NE(cached("otherserver.list.enu.1"), "(missing)");
-    EXPECT_NE(cached("quorserver.list.enu"), "(missing)");
 
-    // One server down fails the lookup: its catalog might hold a newer version.
     ClosedPort closed;
+    writeText(layout::sourcesFile(), sourcesLine(server->url()) + "\n" +
+                                         third.sourcesLine(closed.url(), "otherserver") + "\n");
+    EXPECT_EQ(lookup("app"), "1.0");
+    EXPECT_EQ(lookup("tool"), "");
+    EXPECT_EQ(lastResult(), kNotOnServer);
+    // While the vendor cannot be asked, its names are not taken elsewhere.
+    writeText(layout::sourcesFile(), sourcesLine(closed.url()) + "\n" +
+                                         third.sourcesLine(other.url(), "otherserver") + "\n");
+    EXPECT_EQ(lookup("app"), "");
+    EXPECT_EQ(lastResult(), kNotOnServer);
+    EXPECT_EQ(lookup("tool"), "1.0");
+    EXPECT_NE(readFile(operationLogFile()).value_or("").find("source quorserver: 160"),
+              std::string::npos);
+
+    // Lines that cannot be used are skipped and told; the rest holds.
     writeText(layout::sourcesFile(),
-              "quorserver " + server->url() + "\notherserver " + closed.url() + "\n");
+              "mirror http://127.0.0.1:1/\nquorserver\n"
+              "quorserver ftp://127.0.0.1/ unverified\n"
+              "quorserver " +
+                  server->url() + "\n" + both);
+    EXPECT_EQ(lookup("app"), "1.0");
+    const std::string log = readFile(operationLogFile()).value_or("");
+    for (const char* told :
+         {":1: 100 line skipped: unknown id \"mirror\"", ":2: 100 line skipped: no URL",
+          ":3: 100 line skipped: unknown word \"ftp://127.0.0.1/\"",
+          ":4: 100 line skipped: no pinned root (root=<sha256>) and not marked unverified"})
+        EXPECT_NE(log.find(told), std::string::npos) << told;
+    writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
     EXPECT_EQ(lookup("app"), "");
     EXPECT_EQ(lastResult(), kServerUnreachable);
-    for (const char* bad :
-         {"mirror http://127.0.0.1:1/\n", "quorserver\n", "quorserver ftp://127.0.0.1/\n"}) {
-        writeText(layout::sourcesFile(), bad);
-        EXPECT_EQ(lookup("app"), "") << bad;
-        EXPECT_EQ(lastResult(), kServerUnreachable) << bad;
-    }
 }
 
 }  // namespace

@@ -109,12 +109,22 @@ void ServerTest::SetUp() {
     volume2 = root.addVolume(2);
     repo = files.path() / "repo";
     fs::create_directories(repo);
+    channel.emplace(repo);
     QUORPackageTool::PackageManager manager;
     ASSERT_TRUE(manager.init());
 }
 
 fs::path ServerTest::publish(const PackageSource& source) {
-    return buildTestPackage(repo, source);
+    const fs::path file = buildTestPackage(repo, source);
+    if (channel) channel->sign(file);
+    return file;
+}
+
+void ServerTest::index() {
+    if (channel)
+        channel->release();
+    else
+        index(repo);
 }
 
 void ServerTest::index(const fs::path& dir, const SigningKey* key) {
@@ -127,7 +137,16 @@ void ServerTest::index(const fs::path& dir, const SigningKey* key) {
 void ServerTest::serve() {
     index();
     server.emplace(repo);
-    writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
+    writeText(layout::sourcesFile(), sourcesLine(server->url()) + "\n");
+}
+
+void ServerTest::serveUnverified() {
+    channel.reset();
+    serve();
+}
+
+std::string ServerTest::sourcesLine(const std::string& url) const {
+    return channel ? channel->sourcesLine(url) : "quorserver " + url + " unverified";
 }
 
 void ServerTest::installLocal(const PackageSource& source) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "channel_fixture.h"
 #include "quorpkg/package/package_signer.h"
 #include "quorpkg/server/task_file.h"
 #include "test_support.h"
@@ -64,14 +65,21 @@ class ServerTest : public ::testing::Test {
 protected:
     void SetUp() override;
 
-    // Builds the package into the served folder; returns the file.
+    // Builds the package into the served folder, signed by the source's
+    // publisher key unless the source is unverified; returns the file.
     fs::path publish(const PackageSource& pkg);
-    // Rewrites the catalog.json and catalog.hash of a folder (the served
-    // one), and its catalog.json.sig when a key is given.
-    void index() { index(repo); }
+    // A release of the served folder: of the trusted source, or for an
+    // unverified one its catalog.json and catalog.hash.
+    void index();
+    // Rewrites the catalog.json and catalog.hash of a folder, and its
+    // catalog.json.sig when a key is given: an unverified source.
     static void index(const fs::path& dir, const SigningKey* key = nullptr);
-    // Indexes, starts the server and makes it the only source.
+    // Indexes, starts the server and makes it the only source: trusted
+    // through `channel`'s pinned root, or listed as unverified.
     void serve();
+    void serveUnverified();
+    // The sources line for the served folder at `url`.
+    std::string sourcesLine(const std::string& url) const;
     static void setting(const std::string& line) { appendSetting(line); }
 
     // Installs a package file straight into the store (as a local install).
@@ -91,6 +99,7 @@ protected:
     TempRoot root;
     TempDir files;
     fs::path repo;
+    std::optional<TestSource> channel;  // none: the source is unverified
     fs::path volume1, volume2;
     std::optional<HttpServer> server;
 };

@@ -33,17 +33,18 @@ void expectEveryQueryFails() {
     EXPECT_EQ(lastResult(), kServerUnreachable);
 }
 
+// The catalogs below are sealed by the source's catalog key: what a
+// publisher whose key was stolen could serve must not break the reader.
 TEST_F(ServerHostile, ACatalogNestedTooDeepIsAFailedQuery) {
     installLocal(packageSource("demo"));
     serve();
     const std::string nested =
         "{\"packages\":[" + std::string(1200, '[') + std::string(1200, ']') + "]}";
-    writeText(repo / "catalog.json", nested);
-    writeText(repo / "catalog.hash", "changed\n");
+    channel->releaseText(nested);
     expectEveryQueryFails();
 
     // A kept catalog that nests too deep is not used either.
-    writeText(repo / "catalog.json", "{\"packages\":[]}");
+    channel->releaseText("{\"packages\":[]}");
     std::vector<Catalog> catalogs;
     ASSERT_EQ(loadCatalogs(true, "enu", catalogs), kOk);
     for (const auto& entry : fs::directory_iterator(layout::listDir()))
@@ -56,15 +57,21 @@ TEST_F(ServerHostile, ACatalogNestedTooDeepIsAFailedQuery) {
 
 TEST_F(ServerHostile, NumbersOfAnySizeInAnEntryAreReadWithoutAnException) {
     serve();
-    writeText(repo / "catalog.json",
-              "{\"packages\":[{\"package\":\"demo\",\"version\":\"1\",\"link\":\"d.zpk\","
-              "\"beta\":18446744073709551615,\"important\":-9223372036854775808,"
-              "\"size\":1.5e300,\"type\":18446744073709551615}]}");
-    writeText(repo / "catalog.hash", "huge\n");
+    const std::string sha(64, 'a');
+    channel->releaseText(
+        "{\"packages\":[{\"package\":\"demo\",\"version\":\"1\",\"link\":\"d.zpk\","
+        "\"beta\":18446744073709551615,\"important\":-9223372036854775808,\"sha256\":\"" +
+        sha +
+        "\",\"size\":12,\"type\":18446744073709551615},"
+        "{\"package\":\"endless\",\"version\":\"1\",\"link\":\"e.zpk\",\"sha256\":\"" +
+        sha + "\",\"size\":1.5e300}]}");
     Json::Value entry;
     EXPECT_TRUE(QUORPackageServer::GetPackageInfoFromServer("demo", entry, true, "enu", true))
         << lastResult();
     EXPECT_FALSE(QUORPackageServer::GetPackageInfoFromServer("demo", entry, true, "enu", false));
+    EXPECT_EQ(lastResult(), kNotOnServer);
+    // Without a size a download would have no end: such an entry is no offer.
+    EXPECT_FALSE(QUORPackageServer::GetPackageInfoFromServer("endless", entry, true, "enu", true));
     EXPECT_EQ(lastResult(), kNotOnServer);
 }
 
@@ -73,11 +80,10 @@ TEST_F(ServerHostile, ACatalogLargerThanTheSettingAllowsIsAFailedQuery) {
     publish(packageSource("demo", "2.0"));
     serve();
     // Valid, but padded to 1.5 MiB.
-    std::string catalog = readFile(repo / "catalog.json").value();
+    std::string catalog = channel->catalogText();
     ASSERT_EQ(catalog.front(), '{');
     catalog.insert(1, "\"padding\":\"" + std::string(3 << 19, 'x') + "\",");
-    writeText(repo / "catalog.json", catalog);
-    writeText(repo / "catalog.hash", "padded\n");
+    channel->releaseText(catalog);
     setting("catalog_max_mib=\"1\"");
     expectEveryQueryFails();
     fs::remove(layout::settingsFile());
@@ -90,12 +96,11 @@ TEST_F(ServerHostile, ADownloadThatNeverStartedLeavesNoPart) {
     // The entry's link points at a port nobody listens on.
     ClosedPort closed;
     Json::Value catalog;
-    std::istringstream text(readFile(repo / "catalog.json").value());
+    std::istringstream text(channel->catalogText());
     ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &catalog, nullptr));
     Json::Value& entry = catalog["packages"][0];
     entry["link"] = closed.url() + entry["link"].asString();
-    writeText(repo / "catalog.json", Json::writeString(Json::StreamWriterBuilder(), catalog));
-    writeText(repo / "catalog.hash", "moved\n");
+    channel->releaseText(Json::writeString(Json::StreamWriterBuilder(), catalog));
 
     Task task = installFromServer("demo", "volume1");
     EXPECT_EQ(task.state, "failed");

@@ -156,7 +156,7 @@ TEST_F(ServerInstall, AKeptPartIsContinuedOrStartedOverWhenTheServerCannotContin
     // A file:// server continues the part: a wrong first half then shows as
     // a checksum failure, the part is dropped, and the next try succeeds.
     ASSERT_EQ(removePackages({"big"}, serviceHooks()), kOk);
-    writeText(layout::sourcesFile(), "quorserver file://" + repo.string() + "\n");
+    writeText(layout::sourcesFile(), sourcesLine("file://" + repo.string()) + "\n");
     writeText(part, wrongHalf);
     task = installFromServer("big", "volume1");
     EXPECT_EQ(task.code, kChecksumMismatch);
@@ -173,7 +173,7 @@ TEST_F(ServerInstall, ASecondRequestIsRefusedWhileTheFirstRuns) {
     const std::string bytes = readFile(file).value();
     fs::remove(file);
     ASSERT_EQ(::mkfifo(file.c_str(), 0644), 0);
-    writeText(layout::sourcesFile(), "quorserver file://" + repo.string() + "\n");
+    writeText(layout::sourcesFile(), sourcesLine("file://" + repo.string()) + "\n");
     Json::Value entry;
     ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("slow", entry, true, "enu", false));
     auto request = [&] {

@@ -96,7 +96,7 @@ TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
     Nginx web(nginx, repo);
     ASSERT_TRUE(web.running())
         << readFile(web.accessLog().parent_path() / "error.log").value_or("");
-    writeText(layout::sourcesFile(), "quorserver " + web.url() + "\n");
+    writeText(layout::sourcesFile(), sourcesLine(web.url()) + "\n");
 
     const std::string bytes = readFile(file).value();
     Json::Value entry;

@@ -1,6 +1,7 @@
-// Signed catalogs and packages from a real HTTP server: a catalog that
-// cannot be trusted is a failed query, a kept catalog must still be
-// trusted to serve, and downloads are checked with sha256.
+// Signed catalogs and packages of unverified sources from a real HTTP
+// server, checked against the device's keys folder as local files are: a
+// catalog that cannot be trusted is a failed query, a kept catalog must
+// still be trusted to serve, and downloads are checked with sha256.
 #include "base/file_util.h"
 #include "base/layout.h"
 #include "base/result.h"
@@ -30,6 +31,7 @@ protected:
 };
 
 TEST_F(ServerSignature, OnlyACatalogSignedByATrustedKeyIsUsed) {
+    channel.reset();
     publish(packageSource("app", "1.0"));
     serve();
     trust(publisher);
@@ -73,6 +75,7 @@ TEST_F(ServerSignature, OnlyACatalogSignedByATrustedKeyIsUsed) {
 }
 
 TEST_F(ServerSignature, AKeptCatalogMustStillBeTrustedToServe) {
+    channel.reset();
     publish(packageSource("app", "1.0"));
     serve();
     EXPECT_EQ(lookup("app"), "1.0");  // no key yet: unsigned is fine
@@ -88,6 +91,7 @@ TEST_F(ServerSignature, AKeptCatalogMustStillBeTrustedToServe) {
 }
 
 TEST_F(ServerSignature, SignedPackagesInstallFromTheServerAndStrangersAreRefused) {
+    channel.reset();
     trust(publisher);
     const fs::path built = publish(packageSource("app", "1.0"));
     ASSERT_EQ(signPackage(built, built, publisher), kOk);
@@ -115,8 +119,12 @@ TEST_F(ServerSignature, DownloadsAreCheckedWithTheCatalogsSha256) {
     ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("app", entry, true, "enu", false));
     ASSERT_EQ(entry["sha256"].asString().size(), 64u);
 
-    PackageDownload download{"app", entry["link"].asString(), entry["size"].asUInt64(),
-                             entry["md5"].asString(), entry["sha256"].asString()};
+    PackageDownload download{"app",
+                             entry["link"].asString(),
+                             entry["size"].asUInt64(),
+                             entry["md5"].asString(),
+                             entry["sha256"].asString(),
+                             0};
     const fs::path dir = volume1 / "@tmp/quorpkg";
     fs::path got;
     ASSERT_EQ(fetchPackage(download, dir, nullptr, got), kOk);

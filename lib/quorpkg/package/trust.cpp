@@ -66,9 +66,40 @@ int checkSignature(const FoundSignature& found, std::string_view what, std::stri
     return kOk;
 }
 
-int checkPackageTrust(const PackageFileHead& head, std::string_view what, std::string& why) {
+namespace {
+
+// A file from a trusted source: its root's publisher keys, each for its
+// names, and nothing else count.
+int checkPublisherSignature(const PackageFileHead& head, std::string_view what,
+                            const SourceRoot& root, std::string& why) {
+    const std::string name(what);
+    if (head.hasSignature && !head.signature)
+        return distrust(why, name + ": unreadable signature (" + head.signatureProblem + ")");
+    if (!head.signature)
+        return distrust(
+            why, name + " is not signed, and source " + root.source + " signs every package");
+    const std::string& id = head.signature->keyId;
+    if (!root.allows(id, head.manifest.name)) {
+        why = name + " is signed by key " + id + ", which source " + root.source +
+              " does not allow for " + head.manifest.name;
+        return kTrustRefused;
+    }
+    auto key = root.keys.find(id);
+    if (key == root.keys.end() ||
+        !key->second.verify(head.signature->statement, head.signature->signature))
+        return distrust(why, name + ": the signature by key " + id + " does not verify");
+    return kOk;
+}
+
+}  // namespace
+
+int checkPackageTrust(const PackageFileHead& head, std::string_view what, std::string& why,
+                      const SourceRoot* root, std::string* signer) {
     FoundSignature found{head.hasSignature, head.signature, head.signatureProblem};
-    if (int code = checkSignature(found, what, why)) return code;
+    if (int code = root ? checkPublisherSignature(head, what, *root, why)
+                        : checkSignature(found, what, why, signer))
+        return code;
+    if (root && signer) *signer = head.signature->keyId;
     if (head.signature && listedSha256(head.signature->body, "INFO") != head.infoSha256)
         return distrust(why, std::string(what) + ": INFO differs from what key " +
                                  head.signature->keyId + " signed");

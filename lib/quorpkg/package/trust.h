@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/settings.h"
+#include "quorpkg/package/channel_metadata.h"
 #include "quorpkg/package/signed_statement.h"
 #include "quorpkg/package/signing_key.h"
 
@@ -48,8 +49,13 @@ int checkSignature(const FoundSignature& found, std::string_view what, std::stri
 
 // The trust check of a package file before it is installed: its signature,
 // and that the INFO read is the one signed. The members themselves are
-// compared with the signed list while unpacking.
-int checkPackageTrust(const PackageFileHead& head, std::string_view what, std::string& why);
+// compared with the signed list while unpacking. Without `root` the
+// device's keys folder decides (local files, unverified sources); with it,
+// the file must be signed by a publisher key that the root allows for the
+// package's name (kTrustRefused otherwise), whatever the keys folder holds.
+// `signer`, when given, gets the id of the key that vouched for the file.
+int checkPackageTrust(const PackageFileHead& head, std::string_view what, std::string& why,
+                      const SourceRoot* root = nullptr, std::string* signer = nullptr);
 
 // The trust check of a downloaded catalog: `signatureText` is the content of
 // its .sig file, or nothing when the server has none.

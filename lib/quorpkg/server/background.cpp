@@ -9,10 +9,15 @@
 #include "base/operation.h"
 #include "base/package_log.h"
 #include "base/result.h"
+#include "base/settings.h"
+#include "base/utc_time.h"
 #include "quor_core.h"
 #include "quorpkg/package/manifest.h"
+#include "quorpkg/package/md5.h"
+#include "quorpkg/server/catalog.h"
 #include "quorpkg/server/detach.h"
 #include "quorpkg/server/http_client.h"
+#include "quorpkg/server/offers.h"
 #include "quorpkg/server/remote_install.h"
 #include "quorpkg/server/sources.h"
 #include "quorpkg/server/task_file.h"
@@ -37,11 +42,7 @@ public:
     int run() {
         task_.pid = ::getpid();  // forked before the caller learnt it
         RemoteInstall install;
-        // The interface passes the md5 only; the file's own signature and
-        // the sha256 of its payload are checked when it is installed.
-        install.package = {request_.name, request_.link, request_.size, request_.md5, {}};
         install.volume = task_.volume;
-        install.version = request_.version;
         install.startService = !request_.noStart;
         install.withRequirements = request_.withRequirements;
         install.lang = request_.lang;
@@ -58,7 +59,13 @@ public:
             Operation operation("install_from_server worker", request_.name, results,
                                 LogPolicy::kAlways, true);
             try {
-                code = installFromServer(install, &why);
+                // The interface names the link and its md5 only: what the
+                // file must be, and who vouches for it, come from the
+                // catalog entry that offers that link.
+                std::vector<Catalog> catalogs;
+                code = offeredPackage(catalogs, install.package, &why);
+                install.deadline = nowSeconds() + workerBudget(install.package);
+                if (code == kOk) code = installFromServer(install, &why);
             } catch (const std::exception& e) {
                 why = e.what();
                 refuse(code, why);
@@ -79,6 +86,30 @@ public:
     }
 
 private:
+    // The entry of a configured source that offers the requested link.
+    int offeredPackage(std::vector<Catalog>& catalogs, RemotePackage& out, std::string* why) {
+        int code = loadCatalogs(false, request_.lang.c_str(), catalogs, why);
+        if (code != kOk) return refuse(code, *why);
+        const Offers offers(catalogs);
+        for (const Offer& offer : offers.all(request_.name)) {
+            if (resolvedLink(offer) != request_.link ||
+                (!request_.md5.empty() &&
+                 !sameDigest(entryString(*offer.entry, "md5"), request_.md5)) ||
+                (!request_.version.empty() && offer.version != request_.version))
+                continue;
+            if (remotePackageOf(offer, out)) return kOk;
+        }
+        *why = "no configured source offers " + request_.link + " for " + request_.name;
+        return refuse(kNotOnServer, *why);
+    }
+
+    // How long the worker may take, downloads of requirements included: it
+    // ends failed rather than hang on a server that crawls.
+    static int64_t workerBudget(const RemotePackage& package) {
+        return 10 * int64_t(loadSettings().fetch_timeout) +
+               int64_t(package.download.size / kFloorBytesPerSecond);
+    }
+
     void progress(RemoteStep step, const std::string& name, uint64_t bytes, uint64_t total) {
         const char* state = step == RemoteStep::kDownloading ? "downloading" : "installing";
         if (step == RemoteStep::kDownloading && name == request_.name) fetched_ = bytes;

@@ -1,15 +1,16 @@
-// Package catalogs and their cache in the list directory. A server holds
-// catalog-<lang>.json (else catalog.json) and catalog-<lang>.hash (else
-// catalog.hash); per server and language the list directory keeps the last
-// catalog (<id>.list.<lang>[.<n>]) and a key="value" file remembering its
-// hash (<id>.hash.<lang>[.<n>], key "hash") and the server it came from.
+// Package catalogs of the configured sources (sources.h): per source and
+// language the catalog, from the source's trusted channel (trusted_source.h)
+// or from a plain folder for an unverified one (plain_source.h), kept in
+// the list directory (catalog_cache.h).
 #pragma once
 
 #include <json/value.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "quorpkg/package/channel_metadata.h"
 #include "quorpkg/server/sources.h"
 #include "quorpkg/store/installed_index.h"
 
@@ -21,19 +22,18 @@ struct Catalog {
     // Read through a digest: what plain links resolve against (see
     // plainLinkPrefix); empty when links are resolved one by one.
     std::string plainLinkPrefix;
-};
+    // The root that vouches for the catalog and for the packages it
+    // offers; null for an unverified source.
+    std::shared_ptr<const SourceRoot> root;
+    // False: the source could not be asked (or refused what it sent). Its
+    // packages are what it offered last, if anything is kept: they are not
+    // offered, but no later source may offer them in its place.
+    bool available = true;
 
-// One catalog per configured server, in the order of the sources file.
-//
-// A fresh load asks each server for its hash and downloads the catalog only
-// when the hash differs from the remembered one. Otherwise the kept catalog
-// is used unless it is older than the catalog_ttl setting or its hash reads
-// "temphash" (the upgrade commands reset it so), in which case the load is
-// fresh. Every server must answer: kOk, kBadArgument for a language that
-// cannot be one, or kServerUnreachable (no sources, a server that cannot be
-// reached, answers an error or sends a catalog that is not one).
-int loadCatalogs(bool fresh, const char* lang, std::vector<Catalog>& out,
-                 std::string* error = nullptr);
+    // Whose packages these are, as an installed package remembers its
+    // origin: the trusted source's own id, or "unverified <url>".
+    std::string origin() const;
+};
 
 struct CatalogLoad {
     bool fresh = false;
@@ -46,7 +46,16 @@ struct CatalogLoad {
     // those, without reading the others (see catalog_digest.h).
     const std::vector<IndexedPackage>* installed = nullptr;
 };
+
+// One catalog per configured source, in the order of the sources file.
+// A source that cannot be asked, or whose answer is refused, is logged
+// with its reason and left out (its Catalog is not `available`); the
+// others still answer. kOk when at least one source answered;
+// kBadArgument for a language that cannot be one; kServerUnreachable when
+// no source is configured or none answered, with the reasons in `error`.
 int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>& out,
+                 std::string* error = nullptr);
+int loadCatalogs(bool fresh, const char* lang, std::vector<Catalog>& out,
                  std::string* error = nullptr);
 
 // The catalog parsed from `text`: an object whose "packages" is an array.

@@ -13,6 +13,7 @@ bool bindCurl(void* library, CurlApi& api, std::string& error) {
     const bool bound = bindFunction(library, "curl_global_init", globalInit) &&
                        bindFunction(library, "curl_easy_init", api.easy_init) &&
                        bindFunction(library, "curl_easy_cleanup", api.easy_cleanup) &&
+                       bindFunction(library, "curl_easy_reset", api.easy_reset) &&
                        bindFunction(library, "curl_easy_setopt", api.easy_setopt) &&
                        bindFunction(library, "curl_easy_getinfo", api.easy_getinfo) &&
                        bindFunction(library, "curl_easy_perform", api.easy_perform) &&
@@ -21,7 +22,9 @@ bool bindCurl(void* library, CurlApi& api, std::string& error) {
                        bindFunction(library, "curl_url_cleanup", api.url_cleanup) &&
                        bindFunction(library, "curl_url_set", api.url_set) &&
                        bindFunction(library, "curl_url_get", api.url_get) &&
-                       bindFunction(library, "curl_free", api.free);
+                       bindFunction(library, "curl_free", api.free) &&
+                       bindFunction(library, "curl_slist_append", api.slist_append) &&
+                       bindFunction(library, "curl_slist_free_all", api.slist_free_all);
     if (!bound) return false;
     if (globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
         error = std::string("cannot initialise ") + kLibraryName;

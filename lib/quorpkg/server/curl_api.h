@@ -13,6 +13,7 @@ namespace quor {
 struct CurlApi {
     CURL* (*easy_init)() = nullptr;
     void (*easy_cleanup)(CURL*) = nullptr;
+    void (*easy_reset)(CURL*) = nullptr;
     CURLcode (*easy_setopt)(CURL*, CURLoption, ...) = nullptr;
     CURLcode (*easy_getinfo)(CURL*, CURLINFO, ...) = nullptr;
     CURLcode (*easy_perform)(CURL*) = nullptr;
@@ -22,6 +23,8 @@ struct CurlApi {
     CURLUcode (*url_set)(CURLU*, CURLUPart, const char*, unsigned int) = nullptr;
     CURLUcode (*url_get)(const CURLU*, CURLUPart, char**, unsigned int) = nullptr;
     void (*free)(void*) = nullptr;
+    curl_slist* (*slist_append)(curl_slist*, const char*) = nullptr;
+    void (*slist_free_all)(curl_slist*) = nullptr;
 };
 
 // The loaded and initialised library, or nullptr when it cannot be loaded

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <ctime>
 #include <memory>
+#include <mutex>
 
 #include "base/file_util.h"
 #include "quorpkg/server/curl_api.h"
@@ -14,20 +17,17 @@ namespace quor {
 namespace {
 
 constexpr long kConnectTimeoutSeconds = 15;
-// A transfer that moves less than one byte a second for this long is dead.
+// A transfer slower than this for kStallSeconds is as good as dead.
+constexpr long kLowSpeedBytes = 1024;
 constexpr long kStallSeconds = 30;
 constexpr long kMaxRedirects = 5;
+constexpr long kHttpNotModified = 304;
 constexpr long kHttpRangeNotSatisfiable = 416;
 
 // The library; callers checked with `loaded` that it is there.
 const CurlApi& api() {
     return *curlApi();
 }
-
-struct CurlDeleter {
-    void operator()(CURL* curl) const { api().easy_cleanup(curl); }
-};
-using CurlHandle = std::unique_ptr<CURL, CurlDeleter>;
 
 struct UrlDeleter {
     void operator()(CURLU* url) const { api().url_cleanup(url); }
@@ -37,40 +37,164 @@ struct CurlStringDeleter {
     void operator()(char* text) const { api().free(text); }
 };
 
+struct HeaderListDeleter {
+    void operator()(curl_slist* list) const { api().slist_free_all(list); }
+};
+using HeaderList = std::unique_ptr<curl_slist, HeaderListDeleter>;
+
+FetchResult failure(std::string why) {
+    FetchResult result;
+    result.error = std::move(why);
+    return result;
+}
+
 // False, with the failure in `result`, when libcurl cannot be loaded.
 bool loaded(FetchResult& result) {
     std::string why;
     if (curlApi(&why)) return true;
-    result = {FetchStatus::kFailed, "no HTTP client: " + why};
+    result = failure("no HTTP client: " + why);
     result.noClient = true;
     return false;
 }
 
-// A handle with the options every request shares. Redirects may only lead
-// to http(s): a web server must not point us at local files.
-CurlHandle newHandle(const std::string& url, char* errorBuffer) {
-    CurlHandle curl(api().easy_init());
-    if (!curl) return curl;
-    CURL* c = curl.get();
+// The process's transfer handle, lent to one request at a time: libcurl
+// keeps its connections open between requests, so that every request of a
+// run to one server goes over one connection. A request made while it is
+// lent (another thread) gets a handle of its own. A forked child never
+// touches its parent's handle: the connections are the parent's.
+class Transfer {
+public:
+    Transfer() {
+        if (shared().mutex.try_lock()) {
+            lock_ = std::unique_lock(shared().mutex, std::adopt_lock);
+            Shared& pool = shared();
+            if (pool.handle && pool.owner != ::getpid()) pool.handle = nullptr;  // left alone
+            if (!pool.handle) {
+                pool.handle = api().easy_init();
+                pool.owner = ::getpid();
+            } else {
+                api().easy_reset(pool.handle);
+            }
+            curl_ = pool.handle;
+        } else {
+            curl_ = own_ = api().easy_init();
+        }
+    }
+    ~Transfer() {
+        if (own_) api().easy_cleanup(own_);
+    }
+    Transfer(const Transfer&) = delete;
+    Transfer& operator=(const Transfer&) = delete;
+
+    CURL* get() const { return curl_; }
+    explicit operator bool() const { return curl_ != nullptr; }
+
+private:
+    struct Shared {
+        std::mutex mutex;
+        CURL* handle = nullptr;  // lives as long as the process
+        pid_t owner = 0;
+    };
+    static Shared& shared() {
+        static Shared pool;
+        return pool;
+    }
+
+    std::unique_lock<std::mutex> lock_;
+    CURL* curl_ = nullptr;
+    CURL* own_ = nullptr;
+};
+
+std::string trimmed(std::string_view text) {
+    const char* blanks = " \t\r\n";
+    size_t begin = text.find_first_not_of(blanks);
+    if (begin == std::string_view::npos) return {};
+    return std::string(text.substr(begin, text.find_last_not_of(blanks) - begin + 1));
+}
+
+// Seconds to wait from a Retry-After value: delta-seconds or an HTTP date.
+int64_t retryDelay(const std::string& value) {
+    if (!value.empty() && value.size() < 10 &&
+        value.find_first_not_of("0123456789") == std::string::npos)
+        return std::stoll(value);
+    std::tm when{};
+    const char* end = ::strptime(value.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &when);
+    if (end == nullptr || *end != '\0') return 0;
+    return std::max<int64_t>(0, static_cast<int64_t>(timegm(&when)) - std::time(nullptr));
+}
+
+// The validators and Retry-After of the last response (a redirect's
+// headers are dropped when the next response begins).
+size_t onHeader(char* data, size_t, size_t size, void* user) {
+    auto* result = static_cast<FetchResult*>(user);
+    const std::string_view line(data, size);
+    if (line.substr(0, 5) == "HTTP/") {
+        result->etag.clear();
+        result->lastModified.clear();
+        result->retryAfter = 0;
+        return size;
+    }
+    const size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return size;
+    std::string name(line.substr(0, colon));
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const std::string value = trimmed(line.substr(colon + 1));
+    if (name == "etag")
+        result->etag = value;
+    else if (name == "last-modified")
+        result->lastModified = value;
+    else if (name == "retry-after")
+        result->retryAfter = retryDelay(value);
+    return size;
+}
+
+// The options every request shares. Redirects may only lead to http(s),
+// and from https only to https: a web server must not point us at local
+// files, nor a network path strip the encryption.
+void prepare(CURL* c, const std::string& url, char* errorBuffer, const FetchOptions& options,
+             FetchResult& result, HeaderList& headers) {
     api().easy_setopt(c, CURLOPT_URL, url.c_str());
     api().easy_setopt(c, CURLOPT_ERRORBUFFER, errorBuffer);
     api().easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     api().easy_setopt(c, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    api().easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    api().easy_setopt(c, CURLOPT_TIMEOUT,
+                      static_cast<long>(std::max<int64_t>(1, options.deadlineSeconds)));
+    long lowSpeed = kLowSpeedBytes;
+    if (options.maxBytesPerSecond != 0)
+        lowSpeed = std::clamp<long>(static_cast<long>(options.maxBytesPerSecond / 2), 1, lowSpeed);
+    api().easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, lowSpeed);
     api().easy_setopt(c, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    if (options.maxBytesPerSecond != 0)
+        api().easy_setopt(c, CURLOPT_MAX_RECV_SPEED_LARGE,
+                          static_cast<curl_off_t>(options.maxBytesPerSecond));
     api().easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
     api().easy_setopt(c, CURLOPT_MAXREDIRS, kMaxRedirects);
     api().easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https,file");
-    api().easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    api().easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR,
+                      urlScheme(url) == "https" ? "https" : "http,https");
     api().easy_setopt(c, CURLOPT_USERAGENT, "quorpkg");
-    return curl;
+    api().easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
+    api().easy_setopt(c, CURLOPT_HEADERDATA, &result);
+    for (const auto& [name, value] :
+         {std::pair<const char*, const std::string&>{"If-None-Match", options.etag},
+          {"If-Modified-Since", options.lastModified}}) {
+        if (value.empty()) continue;
+        const std::string line = std::string(name) + ": " + value;
+        curl_slist* longer = api().slist_append(headers.get(), line.c_str());
+        if (longer) {
+            headers.release();
+            headers.reset(longer);
+        }
+    }
+    if (headers) api().easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
 }
 
 // Classifies a finished transfer. file:// transfers have no status code.
-FetchResult outcome(CURL* curl, CURLcode code, const char* errorBuffer) {
-    FetchResult result;
+void classify(CURL* curl, CURLcode code, const char* errorBuffer, FetchResult& result) {
     long status = 0;
     api().easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    result.httpStatus = status;
+    result.status = FetchStatus::kFailed;
     if (code == CURLE_FILE_COULDNT_READ_FILE || status == 404 || status == 410) {
         result.status = FetchStatus::kNotFound;
         result.error =
@@ -78,12 +202,13 @@ FetchResult outcome(CURL* curl, CURLcode code, const char* errorBuffer) {
     } else if (code != CURLE_OK) {
         result.error = *errorBuffer ? errorBuffer : api().easy_strerror(code);
         result.resumable = code != CURLE_WRITE_ERROR;
-    } else if (status >= 400) {
+    } else if (status == kHttpNotModified) {
+        result.status = FetchStatus::kNotModified;
+    } else if (status >= 300) {
         result.error = "HTTP status " + std::to_string(status);
     } else {
         result.status = FetchStatus::kOk;
     }
-    return result;
 }
 
 struct TextSink {
@@ -123,7 +248,7 @@ size_t onFileData(char* data, size_t, size_t size, void* user) {
         api().easy_getinfo(sink->curl, CURLINFO_RESPONSE_CODE, &status);
         // An error page is not package data; a whole body after a range
         // request means the server does not resume.
-        if (status >= 400) sink->errorBody = true;
+        if (status >= 300) sink->errorBody = true;
         if (status == 200 && sink->have > 0 && !startOver(*sink)) {
             sink->writeFailed = true;
             return 0;
@@ -134,14 +259,9 @@ size_t onFileData(char* data, size_t, size_t size, void* user) {
         sink->tooLong = true;
         return 0;
     }
-    for (size_t done = 0; done < size;) {
-        ssize_t n = ::write(sink->fd, data + done, size - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            sink->writeFailed = true;
-            return 0;
-        }
-        done += static_cast<size_t>(n);
+    if (!writeAll(sink->fd, std::string_view(data, size))) {
+        sink->writeFailed = true;
+        return 0;
     }
     sink->have += size;
     if (*sink->progress) (*sink->progress)(sink->have);
@@ -149,63 +269,75 @@ size_t onFileData(char* data, size_t, size_t size, void* user) {
 }
 
 FetchResult downloadOnce(const std::string& url, int fd, uint64_t maxBytes,
-                         const ProgressFn& progress, bool& rangeRefused) {
+                         const ProgressFn& progress, const FetchOptions& options,
+                         bool& rangeRefused) {
     char errorBuffer[CURL_ERROR_SIZE] = "";
-    CurlHandle curl = newHandle(url, errorBuffer);
-    if (!curl) return {FetchStatus::kFailed, "cannot create a transfer"};
+    FetchResult result;
+    Transfer transfer;
+    if (!transfer) return failure("cannot create a transfer");
     off_t have = ::lseek(fd, 0, SEEK_END);
-    if (have < 0) return {FetchStatus::kFailed, "cannot seek the download file"};
-    FileSink sink{curl.get(), fd, static_cast<uint64_t>(have), maxBytes, &progress};
-    api().easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onFileData);
-    api().easy_setopt(curl.get(), CURLOPT_WRITEDATA, &sink);
-    if (have > 0) api().easy_setopt(curl.get(), CURLOPT_RESUME_FROM_LARGE, curl_off_t{have});
-    CURLcode code = api().easy_perform(curl.get());
+    if (have < 0) return failure("cannot seek the download file");
+    HeaderList headers;
+    prepare(transfer.get(), url, errorBuffer, options, result, headers);
+    FileSink sink{transfer.get(), fd, static_cast<uint64_t>(have), maxBytes, &progress};
+    api().easy_setopt(transfer.get(), CURLOPT_WRITEFUNCTION, onFileData);
+    api().easy_setopt(transfer.get(), CURLOPT_WRITEDATA, &sink);
+    if (have > 0) api().easy_setopt(transfer.get(), CURLOPT_RESUME_FROM_LARGE, curl_off_t{have});
+    CURLcode code = api().easy_perform(transfer.get());
     long status = 0;
-    api().easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
+    api().easy_getinfo(transfer.get(), CURLINFO_RESPONSE_CODE, &status);
     rangeRefused = have > 0 && (status == kHttpRangeNotSatisfiable ||
                                 code == CURLE_BAD_DOWNLOAD_RESUME || code == CURLE_RANGE_ERROR);
     // An empty whole body after a range request still replaces the file.
     if (code == CURLE_OK && status == 200 && !sink.started && sink.have > 0 && !startOver(sink))
         sink.writeFailed = true;
-    if (sink.tooLong) return {FetchStatus::kFailed, "the server sent more than expected"};
-    if (sink.writeFailed) return {FetchStatus::kFailed, "cannot write the download file"};
-    FetchResult result = outcome(curl.get(), code, errorBuffer);
+    if (sink.tooLong) return failure("the server sent more than expected");
+    if (sink.writeFailed) return failure("cannot write the download file");
+    classify(transfer.get(), code, errorBuffer, result);
     if (sink.errorBody) result.resumable = false;
     return result;
 }
 
 }  // namespace
 
-FetchResult fetchText(const std::string& url, std::string& out, uint64_t maxBytes) {
+FetchResult fetchText(const std::string& url, std::string& out, uint64_t maxBytes,
+                      const FetchOptions& options) {
     out.clear();
     if (FetchResult missing; !loaded(missing)) return missing;
     char errorBuffer[CURL_ERROR_SIZE] = "";
-    CurlHandle curl = newHandle(url, errorBuffer);
-    if (!curl) return {FetchStatus::kFailed, "cannot create a transfer"};
+    FetchResult result;
+    Transfer transfer;
+    if (!transfer) return failure("cannot create a transfer");
+    HeaderList headers;
+    prepare(transfer.get(), url, errorBuffer, options, result, headers);
     TextSink sink{&out, maxBytes};
-    api().easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onText);
-    api().easy_setopt(curl.get(), CURLOPT_WRITEDATA, &sink);
-    CURLcode code = api().easy_perform(curl.get());
-    FetchResult result = outcome(curl.get(), code, errorBuffer);
-    if (code == CURLE_WRITE_ERROR) result.error = "the answer is too long";
+    api().easy_setopt(transfer.get(), CURLOPT_WRITEFUNCTION, onText);
+    api().easy_setopt(transfer.get(), CURLOPT_WRITEDATA, &sink);
+    CURLcode code = api().easy_perform(transfer.get());
+    classify(transfer.get(), code, errorBuffer, result);
+    if (code == CURLE_WRITE_ERROR)
+        result.error = "the answer is longer than " + std::to_string(maxBytes) + " bytes";
+    if (code == CURLE_OPERATION_TIMEDOUT)
+        result.error = "no answer within " + std::to_string(options.deadlineSeconds) + " s (" +
+                       result.error + ")";
     if (!result.ok()) out.clear();
     return result;
 }
 
 FetchResult downloadFile(const std::string& url, const std::filesystem::path& file,
-                         uint64_t maxBytes, const ProgressFn& progress) {
+                         uint64_t maxBytes, const ProgressFn& progress,
+                         const FetchOptions& options) {
     if (FetchResult missing; !loaded(missing)) return missing;
     UniqueFd fd(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-    if (!fd) return {FetchStatus::kFailed, "cannot open " + file.string()};
+    if (!fd) return failure("cannot open " + file.string());
     bool rangeRefused = false;
-    FetchResult result = downloadOnce(url, fd.get(), maxBytes, progress, rangeRefused);
+    FetchResult result = downloadOnce(url, fd.get(), maxBytes, progress, options, rangeRefused);
     // The kept part is not a prefix the server can continue: start over, once.
     if (rangeRefused) {
-        if (::ftruncate(fd.get(), 0) != 0) return {FetchStatus::kFailed, "cannot truncate"};
-        result = downloadOnce(url, fd.get(), maxBytes, progress, rangeRefused);
+        if (::ftruncate(fd.get(), 0) != 0) return failure("cannot truncate");
+        result = downloadOnce(url, fd.get(), maxBytes, progress, options, rangeRefused);
     }
-    if (result.ok() && ::fsync(fd.get()) != 0)
-        return {FetchStatus::kFailed, "cannot flush " + file.string()};
+    if (result.ok() && ::fsync(fd.get()) != 0) return failure("cannot flush " + file.string());
     return result;
 }
 

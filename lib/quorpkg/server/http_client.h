@@ -1,7 +1,9 @@
 // Fetching from package servers through libcurl: http, https and file://
-// URLs, with a connect time-out, a stall time-out and no retries, so that a
-// dead server fails a request in bounded time. libcurl is loaded on first
-// use; without it every request fails with `noClient` set.
+// URLs. Every request has an overall deadline, a connect time-out and a
+// low-speed limit and is never retried, so that a dead or crawling server
+// fails a request in bounded time. Requests of one process share one
+// connection per server (keep-alive). libcurl is loaded on first use;
+// without it every request fails with `noClient` set.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +16,9 @@ namespace quor {
 
 enum class FetchStatus {
     kOk,
-    kNotFound,  // HTTP 404/410, or a missing file:// file
-    kFailed,    // no connection, a time-out, another HTTP error, a local write error
+    kNotModified,  // HTTP 304 to a conditional request
+    kNotFound,     // HTTP 404/410, or a missing file:// file
+    kFailed,       // no connection, a time-out, another HTTP error, a local write error
 };
 
 struct FetchResult {
@@ -23,11 +26,26 @@ struct FetchResult {
     std::string error;       // what went wrong, for the logs
     bool resumable = false;  // a broken transfer: what arrived is good to continue
     bool noClient = false;   // libcurl could not be loaded: no server is reachable
+    long httpStatus = 0;
+    // The validators of the answer, for the next conditional request.
+    std::string etag;
+    std::string lastModified;
+    // Seconds the server asked us to wait (Retry-After on a 429 or 503).
+    int64_t retryAfter = 0;
     bool ok() const { return status == FetchStatus::kOk; }
 };
 
+struct FetchOptions {
+    int64_t deadlineSeconds = 60;  // the whole request, redirects included
+    // Validators of a kept copy: the request is conditional when either is set.
+    std::string etag;
+    std::string lastModified;
+    uint64_t maxBytesPerSecond = 0;  // 0: no cap
+};
+
 // The body of `url`, at most `maxBytes` of it (a longer one fails).
-FetchResult fetchText(const std::string& url, std::string& out, uint64_t maxBytes);
+FetchResult fetchText(const std::string& url, std::string& out, uint64_t maxBytes,
+                      const FetchOptions& options = {});
 
 // Called as bytes arrive with the size of the file so far.
 using ProgressFn = std::function<void(uint64_t bytesInFile)>;
@@ -38,7 +56,8 @@ using ProgressFn = std::function<void(uint64_t bytesInFile)>;
 // limit). A failed transfer keeps what arrived; when `resumable` says so, a
 // later call continues it.
 FetchResult downloadFile(const std::string& url, const std::filesystem::path& file,
-                         uint64_t maxBytes, const ProgressFn& progress);
+                         uint64_t maxBytes, const ProgressFn& progress,
+                         const FetchOptions& options = {});
 
 // `link` resolved against `base`, as a browser would; an absolute link stays
 // as it is. Empty when either is not a valid URL, or without libcurl.

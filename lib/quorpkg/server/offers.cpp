@@ -4,8 +4,10 @@
 
 #include "base/settings.h"
 #include "quorpkg/package/manifest.h"
+#include "quorpkg/package/md5.h"
 #include "quorpkg/package/version.h"
 #include "quorpkg/server/http_client.h"
+#include "quorpkg/store/origin.h"
 
 namespace quor {
 namespace {
@@ -25,27 +27,42 @@ bool usableLink(const std::string& link, const Source& source) {
 
 }  // namespace
 
-Offers::Offers(const std::vector<Catalog>& catalogs) {
+Offers::Offers(const std::vector<Catalog>& catalogs, OriginLookup origins)
+    : origins_(std::move(origins)) {
+    if (!origins_) origins_ = [](const std::string& name) { return readOrigin(name).source; };
     const Settings settings = loadSettings();
     const std::string arch = effectiveArch(settings);
     for (const Catalog& catalog : catalogs) {
         for (const Json::Value& entry : catalog.packages) {
             if (!entry.isObject()) continue;
-            Offer offer{&entry, &catalog.source, &catalog.plainLinkPrefix,
-                        entryText(entry, "version"), entryFlag(entry, "beta")};
             const std::string name = entryText(entry, "package");
-            if (!isValidPackageName(name) || !isValidVersion(offer.version) ||
+            if (!isValidPackageName(name)) continue;
+            Candidates& candidates = byName_[name];
+            if (!candidates.first) candidates.first = &catalog;
+            if (!catalog.available) continue;
+            Offer offer{&entry,
+                        &catalog.source,
+                        &catalog.plainLinkPrefix,
+                        entryText(entry, "version"),
+                        entryFlag(entry, "beta"),
+                        &catalog};
+            // Without a size a download has no end; without a sha256 a
+            // trusted source vouches for nothing.
+            if (!isValidVersion(offer.version) ||
                 !usableLink(entryText(entry, "link"), catalog.source) ||
+                !entry["size"].isUInt64() ||
+                (catalog.root && !isLowerHex(entryText(entry, "sha256"), 64)) ||
                 !runsHere(entry, arch, settings.firmware_version))
                 continue;
-            byName_[name].push_back(std::move(offer));
+            candidates.offers.push_back(std::move(offer));
         }
     }
     // Newest first; for one version the server listed first wins.
-    for (auto& [name, offers] : byName_) {
-        std::stable_sort(offers.begin(), offers.end(), [](const Offer& a, const Offer& b) {
-            return compareVersions(a.version, b.version) > 0;
-        });
+    for (auto& [name, candidates] : byName_) {
+        std::stable_sort(candidates.offers.begin(), candidates.offers.end(),
+                         [](const Offer& a, const Offer& b) {
+                             return compareVersions(a.version, b.version) > 0;
+                         });
     }
 }
 
@@ -58,7 +75,20 @@ const Offer* Offers::newest(const std::string& name, bool allowBeta) const {
 const std::vector<Offer>& Offers::all(const std::string& name) const {
     static const std::vector<Offer> none;
     auto found = byName_.find(name);
-    return found == byName_.end() ? none : found->second;
+    if (found == byName_.end()) return none;
+    auto chosen = chosen_.find(name);
+    if (chosen != chosen_.end()) return chosen->second;
+    // An installed package stays with its source; anything else comes from
+    // the first source that lists it, and from none while that one cannot
+    // be asked.
+    const std::string origin = origins_(name);
+    std::vector<Offer>& out = chosen_[name];
+    for (const Offer& offer : found->second.offers) {
+        const bool fromSource = origin != kLocalOrigin ? offer.catalog->origin() == origin
+                                                       : offer.catalog == found->second.first;
+        if (fromSource) out.push_back(offer);
+    }
+    return out;
 }
 
 // Without loading libcurl when the catalog came with its links' prefix.

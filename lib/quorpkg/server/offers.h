@@ -1,9 +1,15 @@
 // What the catalogs offer this device: per package, the entries it can run
-// (architecture and firmware fit), newest first.
+// (architecture and firmware fit), newest first, from the one source the
+// package may come from: the source it was installed from, or for a
+// package that is not installed (or was installed from a file) the first
+// source in the sources file that offers it. So a later source can never
+// shadow a name with a higher version, nor replace an installed package.
 #pragma once
 
 #include <json/value.h>
 
+#include <functional>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -18,24 +24,37 @@ struct Offer {
     const std::string* plainLinkPrefix = nullptr;  // of its Catalog
     std::string version;
     bool beta = false;
+    const Catalog* catalog = nullptr;
 };
+
+// The origin an installed package records (store/origin.h), by name.
+using OriginLookup = std::function<std::string(const std::string& name)>;
 
 class Offers {
 public:
     // Keeps pointers into `catalogs`, which must outlive this object. Entries
-    // without a valid package name, version or link are left out, and so are
-    // file:// links from a web server.
-    explicit Offers(const std::vector<Catalog>& catalogs);
+    // without a valid package name, version, link or size are left out, and
+    // so are file:// links from a web server and, from a trusted source,
+    // entries without a sha256. `origins` tells where an installed package
+    // came from (default: its origin file).
+    explicit Offers(const std::vector<Catalog>& catalogs, OriginLookup origins = {});
 
     // The newest entry for `name`, beta ones only when `allowBeta`; null
     // when there is none.
     const Offer* newest(const std::string& name, bool allowBeta) const;
 
-    // Every entry for `name` that this device can run, newest first.
+    // Every entry for `name` that this device can run and may take, newest
+    // first.
     const std::vector<Offer>& all(const std::string& name) const;
 
 private:
-    std::unordered_map<std::string, std::vector<Offer>> byName_;
+    struct Candidates {
+        std::vector<Offer> offers;       // of every source
+        const Catalog* first = nullptr;  // the first source listing the name
+    };
+    std::unordered_map<std::string, Candidates> byName_;
+    OriginLookup origins_;
+    mutable std::unordered_map<std::string, std::vector<Offer>> chosen_;
 };
 
 // The entry as handed to callers: a copy whose "link" is an absolute URL,

@@ -1,8 +1,11 @@
 #include "quorpkg/server/package_fetch.h"
 
+#include <algorithm>
 #include <system_error>
 
 #include "base/result.h"
+#include "base/settings.h"
+#include "base/utc_time.h"
 #include "quorpkg/package/md5.h"
 
 namespace fs = std::filesystem;
@@ -23,6 +26,21 @@ std::string baseName(const PackageDownload& download) {
     return name;
 }
 
+// A minute (fetch_timeout) plus the size at the floor rate, or at the
+// capped rate when that is lower; never past the download's own deadline.
+FetchOptions fetchOptions(const PackageDownload& download) {
+    const Settings settings = loadSettings();
+    FetchOptions options;
+    options.maxBytesPerSecond = uint64_t(settings.download_rate_kib) * 1024;
+    uint64_t rate = kFloorBytesPerSecond;
+    if (options.maxBytesPerSecond != 0) rate = std::min(rate, options.maxBytesPerSecond / 2 + 1);
+    options.deadlineSeconds = settings.fetch_timeout + int64_t(download.size / rate);
+    if (download.deadline != 0)
+        options.deadlineSeconds =
+            std::clamp<int64_t>(download.deadline - nowSeconds(), 1, options.deadlineSeconds);
+    return options;
+}
+
 }  // namespace
 
 int fetchPackage(const PackageDownload& download, const fs::path& dir, const ProgressFn& progress,
@@ -37,7 +55,8 @@ int fetchPackage(const PackageDownload& download, const fs::path& dir, const Pro
     // A complete part from an earlier try needs no transfer at all.
     const uint64_t have = fs::is_regular_file(part, ec) ? fs::file_size(part, ec) : 0;
     if (download.size == 0 || have != download.size) {
-        FetchResult result = downloadFile(download.link, part, download.size, progress);
+        FetchResult result =
+            downloadFile(download.link, part, download.size, progress, fetchOptions(download));
         if (!result.ok()) {
             // Only bytes that a later try can continue are worth keeping:
             // a transfer that never started (refused, redirected in circles)

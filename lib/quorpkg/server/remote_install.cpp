@@ -8,9 +8,9 @@
 #include "base/layout.h"
 #include "base/package_log.h"
 #include "base/result.h"
+#include "base/utc_time.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/server/catalog.h"
-#include "quorpkg/server/offers.h"
 #include "quorpkg/server/requirements.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
@@ -36,20 +36,13 @@ private:
     std::vector<fs::path> files_;
 };
 
-PackageDownload downloadOf(const Json::Value& entry) {
-    PackageDownload download;
-    download.name = entryText(entry, "package");
-    download.link = entryText(entry, "link");
-    download.md5 = entryText(entry, "md5");
-    download.sha256 = entryText(entry, "sha256");
-    const Json::Value& size = entry["size"];
-    if (size.isUInt64()) download.size = size.asUInt64();
-    return download;
-}
-
 int fail(int code, std::string* error, const std::string& why) {
     if (error) *error = why;
     return refuse(code, why);
+}
+
+std::string archName(const std::string& arch) {
+    return arch.empty() ? "noarch" : arch;
 }
 
 class Session {
@@ -61,44 +54,54 @@ public:
         int code = fetch(request_.package, file);
         if (code != kOk) return code;
         PackageFileHead head;
-        std::string why;
-        code = readPackageHead(file, head, &why);
-        if (code != kOk) return fail(code, error_, request_.package.link + ": " + why);
-        if (head.manifest.name != request_.package.name)
-            return fail(kBadManifest, error_, "the file holds " + head.manifest.name);
-        if (!request_.version.empty() && head.manifest.version != request_.version)
-            return fail(kDownloadFailed, error_, "the file holds version " + head.manifest.version);
+        if ((code = checkFile(request_.package, file, head))) return code;
 
         // What to install, in order: required packages first, the package last.
-        std::vector<std::pair<std::string, fs::path>> order;
-        std::vector<Json::Value> required;
+        std::vector<std::pair<const RemotePackage*, fs::path>> order;
+        std::vector<RemotePackage> required;
         if (request_.withRequirements && !head.manifest.depends.empty()) {
             code = planFor(head.manifest.depends, required);
             if (code != kOk) return code;
         }
-        for (const Json::Value& entry : required) {
+        for (const RemotePackage& package : required) {
             fs::path requiredFile;
-            code = fetch(downloadOf(entry), requiredFile);
-            if (code != kOk) return code;
-            order.emplace_back(entryText(entry, "package"), requiredFile);
+            PackageFileHead requiredHead;
+            if ((code = fetch(package, requiredFile)) ||
+                (code = checkFile(package, requiredFile, requiredHead)))
+                return code;
+            order.emplace_back(&package, requiredFile);
         }
-        order.emplace_back(request_.package.name, file);
+        order.emplace_back(&request_.package, file);
 
-        for (const auto& [name, path] : order) {
+        for (const auto& [package, path] : order) {
+            const std::string& name = package->download.name;
             report(RemoteStep::kInstalling, name, 0, 0);
-            code = installPackage({path, request_.volume, request_.startService, request_.event},
-                                  serviceHooks());
+            InstallRequest install;
+            install.file = path;
+            install.volume = request_.volume;
+            install.startService = request_.startService;
+            install.event = request_.event;
+            install.root = package->root;
+            install.origin = package->origin;
+            install.refuseDowngrade = true;
+            code = installPackage(install, serviceHooks());
             if (code != kOk) return fail(code, error_, "installing " + name + " failed");
         }
         return kOk;
     }
 
 private:
-    int fetch(const PackageDownload& download, fs::path& file) {
+    int fetch(const RemotePackage& package, fs::path& file) {
+        const PackageDownload& download = package.download;
+        if (request_.deadline != 0 && nowSeconds() >= request_.deadline)
+            return fail(kDownloadFailed, error_,
+                        "the installation did not finish by " + formatUtc(request_.deadline));
         report(RemoteStep::kDownloading, download.name, 0, download.size);
         std::string why;
+        PackageDownload bounded = download;
+        bounded.deadline = request_.deadline;
         int code = fetchPackage(
-            download, layout::volumeTmpDir(request_.volume),
+            bounded, layout::volumeTmpDir(request_.volume),
             [&](uint64_t bytes) {
                 report(RemoteStep::kDownloading, download.name, bytes, download.size);
             },
@@ -109,15 +112,46 @@ private:
         return kOk;
     }
 
-    int planFor(const std::vector<Dependency>& needs, std::vector<Json::Value>& required) {
-        std::vector<Catalog> catalogs;
+    // The file must be the package its entry names: name, version and arch
+    // (a required package's entry as much as the requested one).
+    int checkFile(const RemotePackage& package, const fs::path& file, PackageFileHead& head) {
         std::string why;
-        int code = loadCatalogs(false, request_.lang.c_str(), catalogs, &why);
+        const std::string& link = package.download.link;
+        int code = readPackageHead(file, head, &why);
+        if (code != kOk) return fail(code, error_, link + ": " + why);
+        const Manifest& manifest = head.manifest;
+        if (manifest.name != package.download.name)
+            return fail(kBadManifest, error_,
+                        link + " holds " + manifest.name + ", not " + package.download.name);
+        if (!package.version.empty() && manifest.version != package.version)
+            return fail(kDownloadFailed, error_,
+                        link + " holds version " + manifest.version + " of " + manifest.name +
+                            ", not " + package.version);
+        if (!package.arch.empty() && archName(manifest.arch) != archName(package.arch))
+            return fail(kBadManifest, error_,
+                        link + " is built for " + archName(manifest.arch) + ", not " +
+                            archName(package.arch));
+        return kOk;
+    }
+
+    int planFor(const std::vector<Dependency>& needs, std::vector<RemotePackage>& required) {
+        std::string why;
+        int code = loadCatalogs(false, request_.lang.c_str(), catalogs_, &why);
         if (code != kOk) return fail(code, error_, why);
-        const Offers offers(catalogs);
-        code =
-            planRequirements(request_.package.name, needs, offers, request_.beta, required, &why);
-        return code == kOk ? kOk : fail(code, error_, why);
+        const Offers offers(catalogs_);
+        std::vector<const Offer*> planned;
+        code = planRequirements(request_.package.download.name, needs, offers, request_.beta,
+                                planned, &why);
+        if (code != kOk) return fail(code, error_, why);
+        for (const Offer* offer : planned) {
+            RemotePackage package;
+            if (!remotePackageOf(*offer, package))
+                return fail(
+                    kMissingDependency, error_,
+                    "the entry of " + entryText(*offer->entry, "package") + " has no usable link");
+            required.push_back(std::move(package));
+        }
+        return kOk;
     }
 
     void report(RemoteStep step, const std::string& name, uint64_t bytes, uint64_t total) {
@@ -126,10 +160,26 @@ private:
 
     const RemoteInstall& request_;
     std::string* error_;
+    std::vector<Catalog> catalogs_;  // the offers of planned requirements point here
     Downloads downloads_;
 };
 
 }  // namespace
+
+bool remotePackageOf(const Offer& offer, RemotePackage& out) {
+    const Json::Value& entry = *offer.entry;
+    out = RemotePackage{};
+    out.download.name = entryText(entry, "package");
+    out.download.link = resolvedLink(offer);
+    out.download.md5 = entryString(entry, "md5");
+    out.download.sha256 = entryString(entry, "sha256");
+    if (entry["size"].isUInt64()) out.download.size = entry["size"].asUInt64();
+    out.version = offer.version;
+    out.arch = entryText(entry, "arch");
+    out.root = offer.catalog ? offer.catalog->root : nullptr;
+    out.origin = offer.catalog ? offer.catalog->origin() : "unverified " + offer.source->url;
+    return !out.download.link.empty();
+}
 
 int installFromServer(const RemoteInstall& request, std::string* error) {
     return Session(request, error).run();

@@ -16,7 +16,8 @@ std::string describe(const Dependency& need) {
 
 class Planner {
 public:
-    Planner(const Offers& offers, bool allowBeta, std::vector<Json::Value>& out, std::string* error)
+    Planner(const Offers& offers, bool allowBeta, std::vector<const Offer*>& out,
+            std::string* error)
         : offers_(offers), allowBeta_(allowBeta), out_(out), error_(error) {}
 
     int visitAll(const std::vector<Dependency>& needs) {
@@ -38,9 +39,8 @@ private:
         if (path_.count(need.name))
             return failWith(kDependencyCycle, "requirement cycle through " + need.name);
         Manifest installed;
-        if (readInstalledManifest(need.name, installed) == kOk &&
-            versionSatisfies(installed.version, need.op, need.version))
-            return kOk;
+        const bool isInstalled = readInstalledManifest(need.name, installed) == kOk;
+        if (isInstalled && versionSatisfies(installed.version, need.op, need.version)) return kOk;
 
         const Offer* chosen = nullptr;
         for (const Offer& offer : offers_.all(need.name)) {
@@ -52,9 +52,13 @@ private:
         }
         if (chosen == nullptr)
             return failWith(kMissingDependency, "no server offers " + describe(need));
+        if (isInstalled && compareVersions(chosen->version, installed.version) < 0)
+            return failWith(kDowngradeRefused, "requires " + describe(need) + ": only " +
+                                                   chosen->version +
+                                                   " is offered, which would lower the installed " +
+                                                   installed.version);
         std::optional<std::vector<Dependency>> own = entryRequirements(*chosen->entry);
-        Json::Value entry;
-        if (!own || !resolvedEntry(*chosen, entry))
+        if (!own || resolvedLink(*chosen).empty())
             return failWith(kMissingDependency, "the entry of " + need.name + " is malformed");
 
         path_.insert(need.name);
@@ -62,7 +66,7 @@ private:
         path_.erase(need.name);
         if (code != kOk) return code;
         planned_[need.name] = chosen->version;
-        out_.push_back(std::move(entry));
+        out_.push_back(chosen);
         return kOk;
     }
 
@@ -73,7 +77,7 @@ private:
 
     const Offers& offers_;
     bool allowBeta_;
-    std::vector<Json::Value>& out_;
+    std::vector<const Offer*>& out_;
     std::string* error_;
     std::set<std::string> path_;                  // the chain being resolved
     std::map<std::string, std::string> planned_;  // name -> version chosen
@@ -100,7 +104,7 @@ std::optional<std::vector<Dependency>> entryRequirements(const Json::Value& entr
 }
 
 int planRequirements(const std::string& root, const std::vector<Dependency>& needs,
-                     const Offers& offers, bool allowBeta, std::vector<Json::Value>& out,
+                     const Offers& offers, bool allowBeta, std::vector<const Offer*>& out,
                      std::string* error) {
     out.clear();
     Planner planner(offers, allowBeta, out, error);

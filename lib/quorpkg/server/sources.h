@@ -1,6 +1,13 @@
-// The package servers of /etc/quorpkg/sources: one "<id> <url>" a line, id
-// "quorserver" for the vendor's server and "otherserver" for each
-// third-party one. Blank lines and lines starting with '#' are skipped.
+// The package sources of /etc/quorpkg/sources, one a line:
+//
+//   <id> <url> [<url>...] root=<sha256>     a source with a trusted channel
+//   <id> <url> [<url>...] unverified        a plain folder, nothing pinned
+//
+// id is "quorserver" for the vendor's source and "otherserver" for each
+// third-party one; several URLs are mirrors of one source. A line that
+// names neither a pinned root nor `unverified` is not used: nothing is
+// trusted by default. Blank lines and lines starting with '#' are skipped;
+// a malformed line is skipped with a line in quorpkg.log, the rest holds.
 #pragma once
 
 #include <string>
@@ -10,18 +17,24 @@
 namespace quor {
 
 struct Source {
-    std::string id;   // quorserver or otherserver
-    std::string url;  // the server's folder, ending in '/'
-    int number = 0;   // 1, 2, ... for third-party servers; 0 for the vendor's
+    std::string id;                 // quorserver or otherserver
+    std::vector<std::string> urls;  // the source's folder on each mirror, ending in '/'
+    std::string url;                // the first of them
+    int number = 0;                 // 1, 2, ... for third-party sources; 0 for the vendor's
+    std::string pin;                // sha256 of its first trusted root; empty: unverified
+
+    bool verified() const { return !pin.empty(); }
+
+    // How messages and the log name it: "quorserver", "otherserver 2".
+    std::string label() const;
 
     // The name of a cache file in the list directory for `kind` ("list" or
-    // "hash"): <id>.<kind>.<lang>, with .<number> for third-party servers.
+    // "hash"): <id>.<kind>.<lang>, with .<number> for third-party sources.
     std::string cacheFileName(std::string_view kind, const std::string& lang) const;
 };
 
-// The configured servers in file order. kOk; kServerUnreachable when none is
-// configured or a line is malformed (unknown id, a second vendor server, a
-// URL that is not http, https or file).
+// The usable sources in file order. kOk; kServerUnreachable, with the
+// reason, when there is none.
 int readSources(std::vector<Source>& out, std::string* error = nullptr);
 
 // The language to ask for: "enu" for a null or empty one. Empty when the

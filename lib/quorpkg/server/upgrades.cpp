@@ -21,6 +21,7 @@ bool upgradeOver(const Offers& offers, const std::string& name, const std::strin
         out.link = resolvedLink(offer);
         if (out.link.empty()) continue;
         out.entry = offer.entry;
+        out.offer = offer;
         out.name = name;
         out.installedVersion = version;
         return true;
@@ -55,13 +56,8 @@ bool blockedByFirmwareLimit(const UpgradeOffer& upgrade) {
 
 int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::string* error) {
     RemoteInstall install;
-    install.package.name = upgrade.name;
-    install.package.link = upgrade.link;
-    install.package.md5 = entryString(*upgrade.entry, "md5");
-    install.package.sha256 = entryText(*upgrade.entry, "sha256");
-    const Json::Value& size = (*upgrade.entry)["size"];
-    if (size.isUInt64()) install.package.size = size.asUInt64();
-    install.version = entryText(*upgrade.entry, "version");
+    remotePackageOf(upgrade.offer, install.package);
+    install.package.download.link = upgrade.link;
     install.volume = installedVolume(upgrade.name);
     if (install.volume.empty()) {
         int code = defaultVolume(install.volume);
@@ -76,7 +72,7 @@ int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::stri
     int code = installFromServer(install, error);
     // The store logs the upgrade itself; a failed download it never saw.
     if (code != kOk)
-        logPackageEvent(upgrade.name, "upgrade to " + install.version + " failed (" +
+        logPackageEvent(upgrade.name, "upgrade to " + install.package.version + " failed (" +
                                           std::to_string(code) + "): " + (error ? *error : ""));
     return code;
 }

@@ -16,6 +16,7 @@ struct UpgradeOffer {
     std::string installedVersion;
     const Json::Value* entry = nullptr;  // the offered entry, in its Catalog
     std::string link;                    // its link, resolved
+    Offer offer;                         // where it is offered
 };
 
 // The newest offered version newer than the installed one, passing over

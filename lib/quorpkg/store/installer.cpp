@@ -10,11 +10,13 @@
 #include "base/settings.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/trust.h"
+#include "quorpkg/package/version.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/install_checks.h"
 #include "quorpkg/store/lock.h"
+#include "quorpkg/store/origin.h"
 #include "quorpkg/store/package_scripts.h"
 #include "quorpkg/store/store.h"
 
@@ -72,6 +74,7 @@ private:
     int prepare() {
         int code = readPackageHead(request_.file, head_);
         if (code == kOk) code = checkTrust();
+        if (code == kOk) code = checkVersionDirection();
         if (code == kOk) code = checkPlatformFit(head_.manifest, loadSettings());
         if (code == kOk) code = checkRequirements(head_.manifest);
         if (code != kOk) return code;
@@ -102,10 +105,25 @@ private:
     // The file's signature, told in the package log when it is refused.
     int checkTrust() {
         std::string why;
-        int code = checkPackageTrust(head_, request_.file.string(), why);
+        int code = checkPackageTrust(head_, request_.file.string(), why, request_.root.get(),
+                                     &origin_.key);
+        origin_.source = request_.origin;
         if (code == kOk) return kOk;
         logPackageEvent(name(), "refused: " + why);
         return refuse(code, why);
+    }
+
+    // A server never lowers an installed version.
+    int checkVersionDirection() {
+        Manifest installed;
+        if (!request_.refuseDowngrade || readInstalledManifest(name(), installed) != kOk ||
+            compareVersions(version(), installed.version) >= 0)
+            return kOk;
+        const std::string why = "refused: " + name() + " " + version() + " from " +
+                                request_.origin + " would lower the installed version " +
+                                installed.version;
+        logPackageEvent(name(), why);
+        return refuse(kDowngradeRefused, why);
     }
 
     // The new package directory and payload, complete, beside their places.
@@ -130,6 +148,9 @@ private:
                            ec);
         if (!ec && !upgrade()) fs::create_directory(paths_.packageNew / "var", ec);
         if (ec) return refuse(ioFailure(ec), "cannot stage " + name() + ": " + ec.message());
+        if (!writeFileAtomic(paths_.packageNew / "origin", formatOrigin(origin_)))
+            return refuse(kStoreUnusable,
+                          "cannot write " + (paths_.packageNew / "origin").string());
         if (wasEnabled_ && !writeFileAtomic(paths_.packageNew / "enabled", ""))
             return refuse(kStoreUnusable,
                           "cannot write " + (paths_.packageNew / "enabled").string());
@@ -229,6 +250,7 @@ private:
     Change change_;
     ChangePaths paths_;
     std::string oldVersion_;
+    PackageOrigin origin_;
     bool wasEnabled_ = false;
     bool stoppedOld_ = false;
     std::vector<std::string> stoppedDependents_;

@@ -6,9 +6,11 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "quorpkg/package/channel_metadata.h"
 #include "quorpkg/store/service_hooks.h"
 
 namespace quor {
@@ -18,6 +20,16 @@ struct InstallRequest {
     std::filesystem::path volume;  // host path of a volume; empty: the default
     bool startService = true;      // start and turn on a new package with a service
     const char* event = nullptr;   // passed to the scripts as QUOR_PKG_EVENT
+    // Where the file comes from: a trusted source's root vouches for it
+    // (its publisher keys decide; null: the device's keys folder), and the
+    // origin the installed package records ("local" for a file given by
+    // hand; see origin.h).
+    std::shared_ptr<const SourceRoot> root;
+    std::string origin = "local";
+    // Refuse (kDowngradeRefused) a version lower than the installed one:
+    // nothing reached through a server may lower a package. A local file is
+    // the administrator's own act and may.
+    bool refuseDowngrade = false;
 };
 
 // Installs, reinstalls or upgrades (same name, any version) from a package
