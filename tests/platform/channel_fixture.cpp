@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <stdexcept>
 
 #include "base/file_util.h"
@@ -30,21 +31,45 @@ SigningKey newKey() {
     return *key;
 }
 
+void replaceServed(const fs::path& file, const std::string& content) {
+    std::error_code ec;
+    const auto previous = fs::last_write_time(file, ec);
+    const bool had = !ec;
+    writeFileAtomic(file, content);
+    if (had)
+        fs::last_write_time(
+            file, std::max(previous + std::chrono::seconds(1), fs::last_write_time(file)));
+}
+
 TestSource::TestSource(fs::path dir, std::string id, int rootKeys, int threshold)
     : timestampKey(newKey()),
       catalogKey(newKey()),
       publisherKey(newKey()),
       dir_(std::move(dir)),
       id_(std::move(id)) {
+    for (int i = 0; i < rootKeys; ++i) this->rootKeys.push_back(newKey());
+    makeFirstRoot(threshold);
+}
+
+TestSource::TestSource(fs::path dir, std::string id, const TestSource& sameKeys)
+    : rootKeys(sameKeys.rootKeys),
+      timestampKey(sameKeys.timestampKey),
+      catalogKey(sameKeys.catalogKey),
+      publisherKey(sameKeys.publisherKey),
+      dir_(std::move(dir)),
+      id_(std::move(id)) {
+    makeFirstRoot(1);
+}
+
+void TestSource::makeFirstRoot(int threshold) {
     fs::create_directories(dir_);
     SourceRoot root;
     root.source = id_;
     root.version = 1;
     root.expires = nowSeconds() + 365 * kDay;
-    for (int i = 0; i < rootKeys; ++i) {
-        this->rootKeys.push_back(newKey());
-        addKey(root, this->rootKeys.back());
-        root.root.keyIds.push_back(this->rootKeys.back().id());
+    for (const SigningKey& key : rootKeys) {
+        addKey(root, key);
+        root.root.keyIds.push_back(key.id());
     }
     root.root.threshold = threshold;
     for (auto [role, key] :
@@ -59,7 +84,7 @@ TestSource::TestSource(fs::path dir, std::string id, int rootKeys, int threshold
     RootProgress progress;
     std::string why;
     for (int i = 0; i < threshold; ++i)
-        if (signRoot(draft, this->rootKeys[i], progress, why) != kOk)
+        if (signRoot(draft, rootKeys[i], progress, why) != kOk)
             throw std::runtime_error("cannot sign root 1: " + why);
     if (!progress.complete) throw std::runtime_error("root 1 incomplete");
     pin_ = dataSha256Hex(readFile(dir_ / rootFileName(1)).value_or(""));
@@ -105,8 +130,8 @@ void TestSource::releaseText(const std::string& text, const std::string& lang) {
     timestamp->version += 1;
     timestamp->issued = now;
     timestamp->expires = now + 7 * kDay;
-    writeFileAtomic(dir_ / kTimestampFile,
-                    addSignature(formatTimestamp(*timestamp), timestampKey, why));
+    replaceServed(dir_ / kTimestampFile,
+                  addSignature(formatTimestamp(*timestamp), timestampKey, why));
 }
 
 std::string TestSource::catalogText(const std::string& lang) const {
@@ -115,6 +140,19 @@ std::string TestSource::catalogText(const std::string& lang) const {
         readTimestamp(readFile(dir_ / kTimestampFile).value_or(""), why);
     const CatalogRef* ref = timestamp ? timestamp->catalogFor(lang) : nullptr;
     return ref ? readFile(dir_ / catalogFileName(ref->lang, ref->version)).value_or("") : "";
+}
+
+SourceTimestamp TestSource::timestamp() const {
+    std::string why;
+    std::optional<SourceTimestamp> timestamp =
+        readTimestamp(readFile(dir_ / kTimestampFile).value_or(""), why);
+    if (!timestamp) throw std::runtime_error("no timestamp served: " + why);
+    return *timestamp;
+}
+
+void TestSource::serveTimestamp(const SourceTimestamp& timestamp, const SigningKey& key) const {
+    std::string why;
+    replaceServed(dir_ / kTimestampFile, addSignature(formatTimestamp(timestamp), key, why));
 }
 
 void TestSource::renew(int64_t now, int timestampDays) {

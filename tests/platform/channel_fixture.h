@@ -23,6 +23,9 @@ public:
     // other role; a publisher key allowed for every name ("*").
     explicit TestSource(fs::path dir, std::string id = "test-source", int rootKeys = 1,
                         int threshold = 1);
+    // A second source of the same publisher: another id and folder, the
+    // same keys.
+    TestSource(fs::path dir, std::string id, const TestSource& sameKeys);
 
     const fs::path& dir() const { return dir_; }
     const std::string& id() const { return id_; }
@@ -57,7 +60,14 @@ public:
     SigningKey catalogKey;
     SigningKey publisherKey;
 
+    // The served timestamp, as a test may change and re-sign it.
+    SourceTimestamp timestamp() const;
+    // Writes `timestamp` signed by `key` as the served one.
+    void serveTimestamp(const SourceTimestamp& timestamp, const SigningKey& key) const;
+
 private:
+    void makeFirstRoot(int threshold);
+
     fs::path dir_;
     std::string id_;
     std::string pin_;
@@ -65,5 +75,10 @@ private:
 
 // A fresh Ed25519 key pair.
 SigningKey newKey();
+
+// Replaces the served `file` with `content`, modified at least a second
+// after what it replaces (as zpk does for timestamps), so that a web server
+// answering a conditional request by modification time sees the change.
+void replaceServed(const fs::path& file, const std::string& content);
 
 }  // namespace quor::test

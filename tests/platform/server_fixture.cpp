@@ -46,8 +46,28 @@ bool accepts(int port) {
     return fd && ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
-HttpServer::HttpServer(const fs::path& dir) {
+HttpServer::HttpServer(const fs::path& dir)
+    : HttpServer(std::vector<std::string>{"python3", "-u", "-m", "http.server", "0", "--bind",
+                                          "127.0.0.1", "--directory", dir.string()}) {}
+
+std::vector<std::string> HttpServer::hostile(const fs::path& dir,
+                                             const std::vector<std::string>& slow,
+                                             const std::vector<std::string>& endless) {
+    std::vector<std::string> command = {"python3", "-u", HOSTILE_SERVER_SCRIPT, dir.string()};
+    for (const std::string& name : slow) command.insert(command.end(), {"--slow", name});
+    for (const std::string& name : endless) command.insert(command.end(), {"--endless", name});
+    return command;
+}
+
+std::string HttpServer::log() const {
+    return readFile(logDir_.path() / "http.log").value_or("");
+}
+
+HttpServer::HttpServer(const std::vector<std::string>& command) {
     const fs::path log = logDir_.path() / "http.log";
+    std::vector<char*> argv;
+    for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ == 0) {
@@ -55,8 +75,7 @@ HttpServer::HttpServer(const fs::path& dir) {
         int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ::dup2(out, STDOUT_FILENO);
         ::dup2(out, STDERR_FILENO);
-        ::execlp("python3", "python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1",
-                 "--directory", dir.c_str(), static_cast<char*>(nullptr));
+        ::execvp(argv[0], argv.data());
         ::_exit(127);
     }
     // The server prints the port it got, then serves.

@@ -18,16 +18,26 @@
 
 namespace quor::test {
 
-// python3 -m http.server serving `dir`; stopped and reaped with the object.
+// python3 -m http.server serving `dir`, or another server `command` that
+// prints "port <n>" once it listens on 127.0.0.1; stopped and reaped with
+// the object.
 class HttpServer {
 public:
     explicit HttpServer(const fs::path& dir);
+    explicit HttpServer(const std::vector<std::string>& command);
+    // The hostile server of tests/platform: `dir` served, the files named
+    // in `slow` at two bytes a second, those in `endless` without end.
+    static std::vector<std::string> hostile(const fs::path& dir,
+                                            const std::vector<std::string>& slow,
+                                            const std::vector<std::string>& endless);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
     // http://127.0.0.1:<port>/
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+    // What the server logged: one line per request.
+    std::string log() const;
 
 private:
     void stop();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/operation.h"
+#include "base/package_log.h"
 #include "base/result.h"
 #include "base/settings.h"
 #include "pkg_manager.h"
@@ -18,6 +19,7 @@
 #include "quorpkg/server/upgrades.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/installed_index.h"
+#include "quorpkg/store/origin.h"
 #include "quorpkg/store/store.h"
 
 namespace {
@@ -64,6 +66,19 @@ std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
     return upgrades;
 }
 
+// A package whose source could not be asked, or refused what it sent, is
+// not upgraded this time: its own log says why.
+void tellUnchecked(const std::vector<quor::Catalog>& catalogs,
+                   const std::vector<quor::IndexedPackage>& installed) {
+    for (const quor::Catalog& catalog : catalogs) {
+        if (catalog.available) continue;
+        const std::string origin = catalog.origin();
+        for (const quor::IndexedPackage& package : installed)
+            if (quor::readOrigin(package.name).source == origin)
+                quor::logPackageEvent(package.name, "not checked for upgrades: " + catalog.problem);
+    }
+}
+
 }  // namespace
 
 namespace QUORPackageTool {
@@ -94,6 +109,7 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
         return quor::fail(code, error);
     }
     if (refreshOnly) return true;
+    if (policy != "none") tellUnchecked(catalogs, index->packages);
     const quor::Offers offers(catalogs);
     std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers, index->packages);
     if (out) {

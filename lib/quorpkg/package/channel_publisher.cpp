@@ -3,6 +3,7 @@
 #include <json/value.h>
 
 #include <algorithm>
+#include <chrono>
 #include <system_error>
 
 #include "base/file_util.h"
@@ -96,12 +97,22 @@ std::vector<std::string> refusedPackages(const fs::path& dir, const Json::Value&
     return out;
 }
 
+// Each timestamp is modified later than the one it replaces, even within
+// one second: web servers answer conditional requests by the modification
+// time, and a device told "not modified" keeps the older one.
 int writeTimestamp(const fs::path& dir, SourceTimestamp timestamp, const ReleaseOptions& options,
                    std::string& why) {
     const std::string text = signedBy(formatTimestamp(timestamp), options.timestampKeys, why);
     if (text.empty()) return kBadArgument;
-    if (!writeFileAtomic(dir / kTimestampFile, text))
-        return refuse(kStoreUnusable, why, "cannot write " + (dir / kTimestampFile).string());
+    const fs::path file = dir / kTimestampFile;
+    std::error_code ec;
+    const auto previous = fs::last_write_time(file, ec);
+    const bool hadOne = !ec;
+    if (!writeFileAtomic(file, text))
+        return refuse(kStoreUnusable, why, "cannot write " + file.string());
+    const auto written = fs::last_write_time(file, ec);
+    if (hadOne && !ec && written < previous + std::chrono::seconds(1))
+        fs::last_write_time(file, previous + std::chrono::seconds(1), ec);
     return kOk;
 }
 

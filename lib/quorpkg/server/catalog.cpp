@@ -9,6 +9,7 @@
 #include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/server/catalog_cache.h"
+#include "quorpkg/server/channel_state.h"
 #include "quorpkg/server/plain_source.h"
 #include "quorpkg/server/trusted_source.h"
 
@@ -34,7 +35,8 @@ void logSource(const Source& source, int code, const std::string& reason) {
 }  // namespace
 
 std::string Catalog::origin() const {
-    return root ? root->source : "unverified " + source.url;
+    if (root) return root->source;
+    return sourceId.empty() ? "unverified " + source.url : sourceId;
 }
 
 bool parseCatalog(const std::string& text, Json::Value& packages, std::string* error) {
@@ -100,6 +102,12 @@ int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>&
             catalog = Catalog{};
             catalog.source = source;
             catalog.available = false;
+            catalog.problem = reason;
+            if (source.verified()) {
+                std::string ignored;
+                const ChannelState kept = readChannelState(source.pin, ignored);
+                if (kept.root) catalog.sourceId = kept.root->source;
+            }
             if (how.parse) keptNamesOf(source, language, catalog);
         } else {
             any = true;

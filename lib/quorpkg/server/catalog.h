@@ -29,6 +29,8 @@ struct Catalog {
     // packages are what it offered last, if anything is kept: they are not
     // offered, but no later source may offer them in its place.
     bool available = true;
+    std::string problem;   // why it is not available, its code included
+    std::string sourceId;  // a trusted source's own id, when known
 
     // Whose packages these are, as an installed package remembers its
     // origin: the trusted source's own id, or "unverified <url>".

@@ -141,9 +141,9 @@ struct ChannelUpdate::Attempt {
 
     // The current timestamp: the kept one when the server answers that it
     // did not change, else the one served, once it passes.
-    int timestamp(std::string& why) {
+    int timestamp(std::string& why, bool mayBeUnchanged = true) {
         FetchOptions conditional;
-        if (next.timestamp) {
+        if (next.timestamp && mayBeUnchanged) {
             conditional.etag = next.etag;
             conditional.lastModified = next.lastModified;
         }
@@ -155,7 +155,10 @@ struct ChannelUpdate::Attempt {
         if (answer.status == FetchStatus::kNotModified) {
             if (!next.timestamp)
                 return fail(kServerUnreachable, why, base + "timestamp: 304 to a plain request");
-            return kOk;
+            if (next.timestamp->expires > at || !mayBeUnchanged) return kOk;
+            // The kept one expired: a server whose validators did not move
+            // must still get its chance to send a newer one.
+            return timestamp(why, false);
         }
         const std::string where = base + kTimestampFile + ": ";
         // What root it was signed under may be read before it is believed:
@@ -180,6 +183,10 @@ struct ChannelUpdate::Attempt {
                 kMetadataRollback, why,
                 where + "a second, different timestamp " + std::to_string(accepted.version));
         next.issuedFloor = std::max(next.issuedFloor, accepted.issued);
+        // What the timestamp vouches for is judged from its issue on: a
+        // catalog or root that expired before it was signed is stale.
+        at = std::max(at,
+                      judgementTime(now, next.issuedFloor, int64_t(settings.expiry_slack) * 3600));
         next.timestamp = std::make_shared<const SourceTimestamp>(std::move(accepted));
         next.etag = answer.etag;
         next.lastModified = answer.lastModified;
