@@ -119,7 +119,11 @@ void TestSource::releaseText(const std::string& text, const std::string& lang) {
         readTimestamp(readFile(dir_ / kTimestampFile).value_or(""), why);
     ASSERT_TRUE(timestamp) << "release first: " << why;
     const CatalogRef* previous = timestamp->catalogFor(lang);
-    CatalogRef ref{lang, previous ? previous->version + 1 : 1, text.size(), dataSha256Hex(text)};
+    CatalogRef ref;
+    ref.lang = lang;
+    ref.version = previous ? previous->version + 1 : 1;
+    ref.size = text.size();
+    ref.sha256 = dataSha256Hex(text);
     const int64_t now = nowSeconds();
     CatalogSeal seal{id_, lang, ref.version, now + 90 * kDay, ref.sha256, {}};
     const fs::path file = dir_ / catalogFileName(lang, ref.version);

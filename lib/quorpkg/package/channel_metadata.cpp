@@ -173,6 +173,12 @@ bool SourceRoot::allows(std::string_view keyId, std::string_view name) const {
     return false;
 }
 
+const CatalogRef::Patch* CatalogRef::patchFrom(uint64_t from) const {
+    for (const Patch& patch : patches)
+        if (patch.from == from) return &patch;
+    return nullptr;
+}
+
 const CatalogRef* SourceTimestamp::catalogFor(std::string_view lang) const {
     for (std::string_view wanted : {lang, std::string_view(defaultLang)})
         for (const CatalogRef& ref : catalogs)
@@ -234,6 +240,33 @@ std::optional<SourceTimestamp> readTimestamp(std::string_view text, std::string&
         why = "the timestamp names no catalog";
         return std::nullopt;
     }
+    // The smaller forms of each catalog: "compressed <lang> <size>",
+    // "patch <lang> <from version> <size>".
+    auto catalogOf = [&](const std::string& lang) -> CatalogRef* {
+        for (CatalogRef& ref : out.catalogs)
+            if (ref.lang == lang) return &ref;
+        return nullptr;
+    };
+    for (const Fields* line : statement->all("compressed")) {
+        if (!reader.shape(line, 2)) return std::nullopt;
+        CatalogRef* ref = catalogOf((*line)[1]);
+        if (!ref) {
+            why = "a compressed line for a catalog the timestamp does not name";
+            return std::nullopt;
+        }
+        if (!reader.readNumber((*line)[2], "compressed", ref->compressedSize)) return std::nullopt;
+    }
+    for (const Fields* line : statement->all("patch")) {
+        if (!reader.shape(line, 3)) return std::nullopt;
+        CatalogRef* ref = catalogOf((*line)[1]);
+        CatalogRef::Patch patch;
+        if (!ref || !reader.readNumber((*line)[2], "patch", patch.from) ||
+            !reader.readNumber((*line)[3], "patch", patch.size) || patch.from >= ref->version) {
+            why = "a patch line for no catalog, or from a version not before it";
+            return std::nullopt;
+        }
+        ref->patches.push_back(patch);
+    }
     out.statement = std::move(*statement);
     out.text = std::string(text);
     return out;
@@ -285,9 +318,15 @@ std::string formatTimestamp(const SourceTimestamp& timestamp) {
     out += "expires " + formatUtc(timestamp.expires) + "\n";
     out += "root " + std::to_string(timestamp.rootVersion) + "\n";
     out += "default " + timestamp.defaultLang + "\n";
-    for (const CatalogRef& ref : timestamp.catalogs)
+    for (const CatalogRef& ref : timestamp.catalogs) {
         out += "catalog " + ref.lang + " " + std::to_string(ref.version) + " " +
                std::to_string(ref.size) + " " + ref.sha256 + "\n";
+        if (ref.compressedSize != 0)
+            out += "compressed " + ref.lang + " " + std::to_string(ref.compressedSize) + "\n";
+        for (const CatalogRef::Patch& patch : ref.patches)
+            out += "patch " + ref.lang + " " + std::to_string(patch.from) + " " +
+                   std::to_string(patch.size) + "\n";
+    }
     return out;
 }
 

@@ -45,12 +45,23 @@ struct SourceRoot {
     bool allows(std::string_view keyId, std::string_view name) const;
 };
 
-// One language's current catalog, as the timestamp names it.
+// One language's current catalog, as the timestamp names it, with the
+// smaller forms the source also serves: the whole catalog compressed, and
+// patches from earlier versions. Each decodes to the same bytes, checked
+// against the sha256; the sizes bound what a device downloads.
 struct CatalogRef {
     std::string lang;
     uint64_t version = 0;
     uint64_t size = 0;
-    std::string sha256;  // of the catalog's JSON bytes
+    std::string sha256;           // of the catalog's JSON bytes
+    uint64_t compressedSize = 0;  // 0: no .zst
+    struct Patch {
+        uint64_t from = 0;  // the version it applies to
+        uint64_t size = 0;
+    };
+    std::vector<Patch> patches;
+
+    const Patch* patchFrom(uint64_t version) const;
 };
 
 struct SourceTimestamp {

@@ -9,6 +9,7 @@
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/catalog_index.h"
+#include "quorpkg/package/catalog_zstd.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_file.h"
 
@@ -129,6 +130,29 @@ SourceTimestamp nextTimestamp(const std::optional<SourceTimestamp>& previous,
     return next;
 }
 
+// The catalog compressed, and as a patch from each of the last `patches`
+// versions the folder still holds; their sizes go into `ref`.
+bool writeSmallerForms(const fs::path& dir, const std::string& text, int patches, CatalogRef& ref) {
+    const std::string compressed = compressCatalog(text);
+    const fs::path file = dir / (catalogFileName(ref.lang, ref.version) + ".zst");
+    if (compressed.empty() || !writeFileAtomic(file, compressed)) return false;
+    ref.compressedSize = compressed.size();
+    ref.patches.clear();
+    // Versions a publisher removed are passed over, a few at the most.
+    const uint64_t oldest = ref.version > uint64_t(4 * patches) ? ref.version - 4 * patches : 1;
+    for (uint64_t from = ref.version - 1; from >= oldest && int(ref.patches.size()) < patches;
+         --from) {
+        std::optional<std::string> old = readFile(dir / catalogFileName(ref.lang, from));
+        if (!old) continue;
+        const std::string patch = compressCatalog(text, *old);
+        if (patch.empty() ||
+            !writeFileAtomic(dir / catalogPatchFileName(ref.lang, ref.version, from), patch))
+            return false;
+        ref.patches.push_back({from, patch.size()});
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string rootFileName(uint64_t version) {
@@ -137,6 +161,11 @@ std::string rootFileName(uint64_t version) {
 
 std::string catalogFileName(const std::string& lang, uint64_t version) {
     return "catalog-" + lang + "." + std::to_string(version) + ".json";
+}
+
+std::string catalogPatchFileName(const std::string& lang, uint64_t version, uint64_t from) {
+    return "catalog-" + lang + "." + std::to_string(version) + ".from-" + std::to_string(from) +
+           ".zst";
 }
 
 int readPublishedRoot(const fs::path& dir, SourceRoot& out, std::string& why) {
@@ -236,7 +265,10 @@ int releaseCatalog(const fs::path& dir, const ReleaseOptions& options, ReleaseOu
     Json::Value catalog;
     if (int code = buildCatalog(dir, catalog, &why)) return code;
     const std::string text = catalogText(catalog);
-    CatalogRef ref{options.lang, 0, text.size(), dataSha256Hex(text)};
+    CatalogRef ref;
+    ref.lang = options.lang;
+    ref.size = text.size();
+    ref.sha256 = dataSha256Hex(text);
     const CatalogRef* kept = nullptr;
     if (previous)
         for (const CatalogRef& candidate : previous->catalogs)
@@ -251,7 +283,7 @@ int releaseCatalog(const fs::path& dir, const ReleaseOptions& options, ReleaseOu
             keptSeal = readCatalogSeal(*sealText, problem);
     }
     if (keptSeal && keptSeal->expires > options.now + options.catalogLifetime / 2) {
-        ref.version = kept->version;
+        ref = *kept;
     } else {
         ref.version = std::max(kept ? kept->version : 0, highestCatalogFile(dir, ref.lang)) + 1;
         CatalogSeal seal{root.source, ref.lang, ref.version, options.now + options.catalogLifetime,
@@ -259,7 +291,8 @@ int releaseCatalog(const fs::path& dir, const ReleaseOptions& options, ReleaseOu
         const std::string sealText = signedBy(formatCatalogSeal(seal), options.catalogKeys, why);
         if (sealText.empty()) return kBadArgument;
         const fs::path file = dir / catalogFileName(ref.lang, ref.version);
-        if (!writeFileAtomic(file, text) || !writeFileAtomic(file.string() + ".sig", sealText))
+        if (!writeFileAtomic(file, text) || !writeFileAtomic(file.string() + ".sig", sealText) ||
+            !writeSmallerForms(dir, text, options.patches, ref))
             return refuse(kStoreUnusable, why, "cannot write " + file.string());
         out.newCatalog = true;
     }

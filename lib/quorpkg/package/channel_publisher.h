@@ -19,8 +19,11 @@ namespace quor {
 std::string rootFileName(uint64_t version);  // "<N>.root"
 inline constexpr const char* kNewestRootFile = "root";
 inline constexpr const char* kTimestampFile = "timestamp";
-// "catalog-<lang>.<V>.json"; its seal is the same name with ".sig".
+// "catalog-<lang>.<V>.json"; its seal is the same name with ".sig", the
+// catalog compressed the same name with ".zst".
 std::string catalogFileName(const std::string& lang, uint64_t version);
+// "catalog-<lang>.<V>.from-<U>.zst": version V as a patch of version U.
+std::string catalogPatchFileName(const std::string& lang, uint64_t version, uint64_t from);
 
 // The newest root of a source folder (`root`), read and holding its own
 // threshold of signatures.
@@ -51,6 +54,7 @@ struct ReleaseOptions {
     int64_t now = 0;
     int64_t catalogLifetime = 90 * 86400;
     int64_t timestampLifetime = 7 * 86400;
+    int patches = 3;  // patches from this many earlier versions
 };
 
 struct ReleaseOutcome {
@@ -64,7 +68,8 @@ struct ReleaseOutcome {
 
 // A release of the packages in `dir` for one language: the catalog of the
 // folder as a new version with its seal (unless it did not change), the
-// plain catalog files of unverified sources, then a new timestamp naming it.
+// version compressed and as patches from the last few versions, the plain
+// catalog files of unverified sources, then a new timestamp naming it.
 int releaseCatalog(const std::filesystem::path& dir, const ReleaseOptions& options,
                    ReleaseOutcome& out, std::string& why);
 

@@ -12,6 +12,7 @@
 #include "base/operation_log.h"
 #include "base/result.h"
 #include "base/utc_time.h"
+#include "quorpkg/package/catalog_zstd.h"
 #include "quorpkg/package/channel_publisher.h"
 #include "quorpkg/package/channel_trust.h"
 #include "quorpkg/package/md5.h"
@@ -58,6 +59,7 @@ struct ChannelUpdate::Attempt {
     const std::string& lang;
     const Settings& settings;
     ChannelState next;
+    const fs::path& keptFile;  // the list cache's copy of the kept catalog
     int64_t now = nowSeconds();
     int64_t at = 0;  // the moment expiry is judged at
     bool probed = false;
@@ -193,6 +195,30 @@ struct ChannelUpdate::Attempt {
         return kOk;
     }
 
+    // The catalog from the smallest form the timestamp lists: a patch from
+    // the kept version, else the compressed catalog. Empty when neither is
+    // listed or what came does not decode to the catalog named (the plain
+    // file is then asked for).
+    std::string smallestForm(const CatalogRef& ref, uint64_t keptVersion, uint64_t limit) {
+        const std::string name = catalogFileName(ref.lang, ref.version);
+        std::string compressed, problem;
+        if (const CatalogRef::Patch* patch = keptVersion ? ref.patchFrom(keptVersion) : nullptr) {
+            std::optional<std::string> base = readFile(keptFile);
+            if (base && fetch(catalogPatchFileName(ref.lang, ref.version, patch->from), patch->size,
+                              compressed, problem) == kOk)
+                if (std::optional<std::string> text =
+                        decodeCatalog(compressed, *base, limit, problem);
+                    text && dataSha256Hex(*text) == ref.sha256)
+                    return std::move(*text);
+        }
+        if (ref.compressedSize != 0 &&
+            fetch(name + ".zst", ref.compressedSize, compressed, problem) == kOk)
+            if (std::optional<std::string> text = decodeCatalog(compressed, {}, limit, problem);
+                text && dataSha256Hex(*text) == ref.sha256)
+                return std::move(*text);
+        return {};
+    }
+
     // The catalog the timestamp names: the kept one when it is that one,
     // else downloaded, checked against the timestamp and sealed.
     int catalog(const std::string& keptSha, ChannelView& out, std::string& why) {
@@ -216,9 +242,12 @@ struct ChannelUpdate::Attempt {
         if (ref->size > limit)
             return fail(kServerUnreachable, why,
                         what + " is " + std::to_string(ref->size) + " bytes, over catalog_max_mib");
-        std::string text, seal;
-        if (int code = fetch(name, limit, text, why))
-            return code == kNoSuchPackage ? kServerUnreachable : code;
+        const bool haveBase = kept != next.catalogs.end() && keptSha == kept->second.sha256;
+        std::string text = smallestForm(*ref, haveBase ? keptVersion : 0, limit);
+        std::string seal;
+        if (text.empty())
+            if (int code = fetch(name, limit, text, why))
+                return code == kNoSuchPackage ? kServerUnreachable : code;
         if (text.size() != ref->size || dataSha256Hex(text) != ref->sha256)
             return fail(kMetadataRollback, why,
                         base + name + " is not the " + what + " the timestamp names");
@@ -271,7 +300,8 @@ int ChannelUpdate::kept(const std::string& keptCatalogSha, ChannelView& out, std
     return kOk;
 }
 
-int ChannelUpdate::refresh(const std::string& keptCatalogSha, ChannelView& out, std::string& why) {
+int ChannelUpdate::refresh(const std::string& keptCatalogSha, const fs::path& keptCatalogFile,
+                           ChannelView& out, std::string& why) {
     // One query of a source at a time: a slower one must not write back an
     // older state over a newer one.
     const fs::path dir = layout::channelStateDir(source_.pin);
@@ -292,7 +322,7 @@ int ChannelUpdate::refresh(const std::string& keptCatalogSha, ChannelView& out, 
     for (const std::string& mirror : source_.urls) {
         ChannelView view;
         std::string reason;
-        code = attempt(mirror, keptCatalogSha, view, reason);
+        code = attempt(mirror, keptCatalogSha, keptCatalogFile, view, reason);
         if (code == kOk) {
             view.mirror = mirror;
             out = std::move(view);
@@ -306,8 +336,8 @@ int ChannelUpdate::refresh(const std::string& keptCatalogSha, ChannelView& out, 
 }
 
 int ChannelUpdate::attempt(const std::string& base, const std::string& keptCatalogSha,
-                           ChannelView& out, std::string& why) {
-    Attempt run{base, lang_, settings_, state_};
+                           const fs::path& keptCatalogFile, ChannelView& out, std::string& why) {
+    Attempt run{base, lang_, settings_, state_, keptCatalogFile};
     run.at = judgementTime(run.now, state_.issuedFloor, int64_t(settings_.expiry_slack) * 3600);
     if (!run.next.root)
         if (int code = run.firstRoot(why)) return code;

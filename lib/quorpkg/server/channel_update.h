@@ -7,6 +7,7 @@
 // commits the new state: check everything, then persist.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -40,16 +41,18 @@ public:
     // Asks the source's mirrors in turn until one gives a view that passes
     // every check. kOk; kServerUnreachable when none answered;
     // kTrustRefused, kMetadataExpired or kMetadataRollback for what the
-    // last mirror served. `keptCatalogSha` as for kept().
-    int refresh(const std::string& keptCatalogSha, ChannelView& out, std::string& why);
+    // last mirror served. `keptCatalogSha` as for kept(); `keptCatalogFile`
+    // holds those bytes, the base a patch to the new version applies to.
+    int refresh(const std::string& keptCatalogSha, const std::filesystem::path& keptCatalogFile,
+                ChannelView& out, std::string& why);
 
     // Keeps the state refresh() accepted. False when it cannot be written.
     bool commit();
 
 private:
     struct Attempt;
-    int attempt(const std::string& base, const std::string& keptCatalogSha, ChannelView& out,
-                std::string& why);
+    int attempt(const std::string& base, const std::string& keptCatalogSha,
+                const std::filesystem::path& keptCatalogFile, ChannelView& out, std::string& why);
 
     const Source& source_;
     std::string lang_;

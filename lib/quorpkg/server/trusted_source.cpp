@@ -39,7 +39,7 @@ int loadTrustedCatalog(const Source& source, const std::string& lang, const Cata
         return kOk;
     }
 
-    int code = update.refresh(keptSha, view, why);
+    int code = update.refresh(keptSha, files.list, view, why);
     if (code != kOk) return failWith(code, error, why);
     const std::string& sha = view.catalog.sha256;
     const KeyValues pairs = {{"hash", sha},
@@ -48,7 +48,7 @@ int loadTrustedCatalog(const Source& source, const std::string& lang, const Cata
                              {"version", std::to_string(view.catalog.version)}};
     if (view.downloaded.empty() && !readKeptCatalog(files.list, digestKey(sha, source), how, out)) {
         // The kept copy is the current catalog but cannot be read: fetch it.
-        code = update.refresh("", view, why);
+        code = update.refresh("", files.list, view, why);
         if (code != kOk) return failWith(code, error, why);
     }
     if (view.downloaded.empty()) {
