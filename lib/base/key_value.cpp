@@ -120,12 +120,9 @@ bool forEachLine(std::string_view text, const Visit& visit) {
     return true;
 }
 
-// A line that begins with a byte-order mark: the problem, and the key the
-// rest of the line names.
-bool byteOrderMark(std::string_view line, std::string& key, std::string& problem) {
+// Whether the (first) line begins with a byte-order mark, with the problem.
+bool byteOrderMark(std::string_view line, std::string& problem) {
     if (!line.starts_with(kByteOrderMark)) return false;
-    line.remove_prefix(kByteOrderMark.size());
-    key.assign(trim(line.substr(0, line.find('='))));
     problem =
         "the file starts with a byte-order mark (bytes EF BB BF): save it as UTF-8 without one";
     return true;
@@ -138,10 +135,13 @@ std::vector<KeyValueLine> readKeyValueLines(std::string_view text, KeyValueSynta
     forEachLine(text, [&](size_t number, std::string_view line) {
         KeyValueLine& read = lines.emplace_back();
         read.number = number;
-        if (byteOrderMark(line, read.key, read.problem)) {
+        if (byteOrderMark(line, read.problem)) {
+            // The pair after the mark is read all the same, so that the mark
+            // is the only problem reported.
             std::string ignored;
-            line.remove_prefix(kByteOrderMark.size());
-            read.read = readLine(line, syntax, read.key, read.value, ignored);
+            line = trim(line.substr(kByteOrderMark.size()));
+            read.read = !line.empty() && line.front() != '#' &&
+                        readLine(line, syntax, read.key, read.value, ignored);
         } else {
             read.read = readLine(line, syntax, read.key, read.value, read.problem);
         }
@@ -155,7 +155,7 @@ std::optional<KeyValues> parseKeyValues(std::string_view text, std::string* erro
     std::string key, value, problem;
     const bool ok = forEachLine(text, [&](size_t number, std::string_view line) {
         value.clear();
-        if (!byteOrderMark(line, key, problem) && readLine(line, {}, key, value, problem)) {
+        if (!byteOrderMark(line, problem) && readLine(line, {}, key, value, problem)) {
             pairs.emplace_back(std::move(key), std::move(value));
             return true;
         }

@@ -37,7 +37,8 @@ public:
             list_.push_back(
                 {path.string(), problem.line, std::move(problem.message), problem.warning});
     }
-    // Puts the problems reported since `mark` (from one file) in line order.
+    // Where the next problem goes; sortSince(mark) puts those reported
+    // since (one file's, from several checks) in line order.
     size_t mark() const { return list_.size(); }
     void sortSince(size_t mark) {
         std::stable_sort(list_.begin() + static_cast<std::ptrdiff_t>(mark), list_.end(),
@@ -213,8 +214,9 @@ std::vector<PackageProblem> checkPackageSource(const fs::path& dir) {
             [&](const std::string& name) { return fs::is_directory(dir / "package" / name, ec); },
             problems);
         problems.sortSince(mark);
-    } else
+    } else {
         problems.error(dir / "INFO", "missing: every package needs a manifest");
+    }
     if (fs::is_directory(dir / "package", ec))
         checkTree(dir / "package", true, problems);
     else
