@@ -45,7 +45,9 @@ std::optional<std::string> readAll(const UniqueFd& fd) {
         if (have == content.size()) content.resize(content.size() * 2);
         ssize_t n = ::read(fd.get(), content.data() + have, content.size() - have);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        // A read that fails (a folder, an I/O error) is no whole file.
+        if (n < 0) return std::nullopt;
+        if (n == 0) break;
         have += static_cast<size_t>(n);
     }
     content.resize(have);

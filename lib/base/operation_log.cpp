@@ -3,6 +3,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <mutex>
+#include <set>
 #include <system_error>
 
 #include "base/capped_file.h"
@@ -18,6 +20,10 @@ std::string printable(std::string text) {
     for (char& c : text)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
     return text;
+}
+
+std::string stampedLine(const std::string& line) {
+    return formatUtc(nowSeconds()) + " [" + std::to_string(::getpid()) + "] " + line + "\n";
 }
 
 }  // namespace
@@ -39,12 +45,27 @@ void logOperation(const std::string& name, const std::string& package, const Out
     if (rootExists()) {
         std::error_code ec;
         std::filesystem::create_directories(file.parent_path(), ec);
-        appendCapped(file, formatUtc(nowSeconds()) + " [" + std::to_string(::getpid()) + "] " + line + "\n",
-                     kOperationLogCap);
+        appendCapped(file, stampedLine(line), kOperationLogCap);
     }
     // No openlog: its name and options are the process's, and the tool's own
     // lines keep theirs.
     ::syslog((outcome.code == kOk ? LOG_INFO : LOG_WARNING) | LOG_USER, "%s", line.c_str());
+}
+
+void logFileProblem(const std::filesystem::path& file, size_t line, const std::string& message) {
+    const std::string text =
+        printable(file.string() + (line > 0 ? ":" + std::to_string(line) : "") + ": " + message);
+    {
+        static std::mutex mutex;
+        static std::set<std::string> logged;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!logged.insert(text).second) return;
+    }
+    const std::filesystem::path log = operationLogFile();
+    std::error_code ec;
+    if (std::filesystem::is_directory(log.parent_path(), ec))
+        appendCapped(log, stampedLine(text), kOperationLogCap);
+    ::syslog(LOG_WARNING | LOG_USER, "%s", text.c_str());
 }
 
 }  // namespace quor

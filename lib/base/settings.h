@@ -1,5 +1,8 @@
-// Platform settings from /etc/quorpkg/settings; a missing file or key means
-// the default. Numbers are clamped to the ranges in docs/store.md.
+// Platform settings from /etc/quorpkg/settings, key="value" lines; a missing
+// file or key means the default. Each line counts on its own: a line that
+// cannot be read, an unknown key or a bad value is skipped (a number out of
+// range is clamped) with one line in quorpkg.log naming the file, the line
+// and what is accepted. The ranges are in docs/store.md.
 #pragma once
 
 #include <string>
@@ -7,20 +10,22 @@
 namespace quor {
 
 struct Settings {
-    std::string default_volume;          // empty: the volume with most free space
-    std::string auto_upgrade = "none";   // none, important or all
-    int script_timeout = 120;            // seconds
-    int lock_timeout = 60;               // seconds
-    int parallel_jobs = 0;               // 0: follow the dependency graph's width
-    long catalog_ttl = 86400;            // seconds
-    int catalog_max_mib = 64;            // largest catalog download, MiB
+    std::string default_volume;         // empty: the volume with most free space
+    std::string auto_upgrade = "none";  // none, important or all
+    int script_timeout = 120;           // seconds
+    int lock_timeout = 60;              // seconds
+    int parallel_jobs = 0;              // 0: follow the dependency graph's width
+    long catalog_ttl = 86400;           // seconds
+    int catalog_max_mib = 64;           // largest catalog download, MiB
+    int fetch_timeout = 60;             // seconds for one request of server metadata
+    int expiry_slack = 0;               // hours the clock may be behind for expiry
+    bool phased_updates = true;         // false: every release at once
+    long download_rate_kib = 0;         // KiB/s of background downloads; 0: no cap
     std::string firmware_version = "7.0";
-    std::string arch;                    // empty means `uname -m`
-    std::string require_signature;       // yes, no; empty: yes once a key is trusted
-    int fetch_timeout = 60;              // seconds for one request of server metadata
-    int expiry_slack = 0;                // hours a clock may lag when judging expiry
-    bool phased_updates = true;          // no: every release is offered at once
-    long download_rate_kib = 0;          // KiB/s for background downloads; 0: no cap
+    std::string arch;  // empty means `uname -m`
+    // yes, no; empty: yes once a key is trusted. A value or a line that
+    // cannot be read makes it yes: a typing slip never turns checks off.
+    std::string require_signature;
 };
 
 Settings loadSettings();

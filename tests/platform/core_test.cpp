@@ -46,6 +46,25 @@ TEST(KeyValueText, ParsesQuotesEscapesAndCommentsAndRefusesBrokenLines) {
     EXPECT_FALSE(parseKeyValues("ok=\"1\"\nno equals sign\n", &error));
     EXPECT_NE(error.find("line 2"), std::string::npos);
     EXPECT_FALSE(parseKeyValues("a=\"1\" trailing\n"));
+    EXPECT_FALSE(parseKeyValues("a=\"1\" # comment\n"));
+
+    // Line by line, with comments after values: each line read on its own.
+    const std::vector<KeyValueLine> lines = readKeyValueLines(
+        "\xEF\xBB\xBF a=\"1\"\nb=\"2\" # two\nc=3 # three\nd=x#y\ne=\"say \"hi\"\"\nf=\"x\" y\n",
+        {.trailingComments = true});
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_NE(lines[0].problem.find("byte-order mark"), std::string::npos);
+    EXPECT_TRUE(lines[0].read);
+    EXPECT_EQ(lines[0].value, "1");
+    for (size_t i : {1, 2, 3}) EXPECT_TRUE(lines[i].read && lines[i].problem.empty()) << i;
+    EXPECT_EQ(lines[1].value, "2");
+    EXPECT_EQ(lines[2].value, "3");
+    EXPECT_EQ(lines[3].value, "x#y");
+    EXPECT_EQ(lines[4].problem,
+              "a quote inside the value must be written \\\": write e=\"say \\\"hi\\\"\"");
+    EXPECT_FALSE(lines[5].read);
+    EXPECT_EQ(lines[5].key, "f");
+    EXPECT_EQ(lines[5].number, 6u);
 }
 
 TEST(FileSetKeyValue, RewritesOneKeyKeepingTheOthersAndRefusesNonFiles) {

@@ -90,6 +90,9 @@ TEST(PackageManifest, RefusesInvalidManifests) {
         "package=\"demo\"\nversion=\"1\"\nchecksum=\"abc\"\n",
         "package=\"demo\"\nversion=\"1\"\nfirmware=\"7 1\"\n",
         "package=\"demo\"\nversion=\"1\"\narch=\"x86 64\"\n",
+        "\xEF\xBB\xBFpackage=\"demo\"\nversion=\"1\"\n",  // saved with a byte-order mark
+        "package=\"demo\"\nversion=\"1\"\ninstall_dep_packages=\"a (>= 1), b\"\n",
+        "package=\"demo\"\nversion=\"1\"\ndescription=\"a \"b\" c\"\n",
     };
     for (const char* text : bad) {
         Manifest m;
@@ -98,6 +101,13 @@ TEST(PackageManifest, RefusesInvalidManifests) {
         EXPECT_FALSE(error.empty()) << text;
         EXPECT_FALSE(errorsOf(text).empty()) << text;  // the authors' check agrees
     }
+    // A device names the mark, not a missing key.
+    Manifest marked;
+    std::string error;
+    parseManifest("\xEF\xBB\xBF" + p + v, marked, &error);
+    EXPECT_EQ(error,
+              "invalid manifest: line 1: the file starts with a byte-order mark (bytes EF BB BF): "
+              "save it as UTF-8 without one");
     Manifest m;
     EXPECT_EQ(parse(p + v + "install_dep_packages=\"\"\n", m), kOk);  // empty list
     EXPECT_TRUE(errorsOf(p + v + "install_dep_packages=\"\"\nvendor_key=\"x\"\n").empty());

@@ -91,8 +91,9 @@ TEST_F(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
         "/INFO:4: invalid install_dep_packages: item 2 \"web>=\": no version after >=\n" + s +
         "/INFO:5: invalid install_conflict_packages: item 1 \"old=>2\": invalid version: >2 "
         "(operators are >=, <=, >, < and =)\n" +
-        s + "/INFO:6: beta must be yes or no\n" + s + "/INFO:7: warning: unknown key: pakage\n" +
-        s + "/INFO:8: expected key=\"value\"\n" + s +
+        s + "/INFO:6: beta must be yes or no\n" + s +
+        "/INFO:7: unknown key: pakage, did you mean package? (devices ignore unknown keys)\n" + s +
+        "/INFO:8: expected key=\"value\"\n" + s +
         "/package/bin/passwd: symbolic link leaves the payload: ../../../etc/passwd\n" + s +
         "/scripts/install: not a package script (known scripts: preinst, postinst, "
         "preuninst, postuninst, preupgrade, postupgrade, start-stop-status)\n" +
@@ -103,16 +104,16 @@ TEST_F(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
         s + "/script: unknown folder, left out of the package (did you mean scripts/?)\n";
     Output checked = zpk("check " + s);
     EXPECT_EQ(checked.status, 1);
-    EXPECT_EQ(checked.err, expected + "zpk: " + s + ": 12 problems\n");
+    EXPECT_EQ(checked.err, expected + "zpk: " + s + ": 13 problems\n");
     EXPECT_TRUE(checked.out.empty());
     const fs::path file = dir.path() / "tool.zpk";
     Output built = zpk("build " + s + " -o " + file.string());
     EXPECT_EQ(built.status, 1);
-    EXPECT_EQ(built.err, expected + "zpk: " + s + ": 12 problems, nothing built\n");
+    EXPECT_EQ(built.err, expected + "zpk: " + s + ": 13 problems, nothing built\n");
     EXPECT_FALSE(fs::exists(file));
 
     // Put right, the same folder checks clean (a warning alone passes) and builds.
-    test::writeText(src / "INFO", "package=\"tool\"\nversion=\"1.0\"\npakage=\"x\"\n");
+    test::writeText(src / "INFO", "package=\"tool\"\nversion=\"1.0\"\nhomepage=\"x\"\n");
     fs::remove(src / "package/bin/passwd");
     fs::remove(src / "scripts/install");
     fs::remove_all(src / "script");
@@ -121,13 +122,65 @@ TEST_F(PackageZpk, CheckReportsEveryAuthorMistakeAtOnce) {
     test::writeText(src / "scripts/preinst", "#!/bin/sh\nexit 0\n", 0755);
     checked = zpk("check " + s);
     EXPECT_EQ(checked.status, 0) << checked.err;
-    EXPECT_EQ(checked.err, s + "/INFO:3: warning: unknown key: pakage\n");
+    EXPECT_EQ(checked.err, s + "/INFO:3: warning: unknown key: homepage\n");
     ASSERT_EQ(zpk("build " + s + " -o " + file.string()).status, 0);
     checked = zpk("check " + file.string());
     EXPECT_EQ(checked.status, 0) << checked.err;
     // What the build added (checksum, sha256) is known; only the author's typo warns.
     EXPECT_EQ(checked.err.find("sha256"), std::string::npos) << checked.err;
-    EXPECT_NE(checked.err.find("unknown key: pakage"), std::string::npos) << checked.err;
+    EXPECT_NE(checked.err.find("unknown key: homepage"), std::string::npos) << checked.err;
+}
+
+// The slips that read as something else: each message says what to write.
+// A device refuses the same manifest (but for the key slip, which it keeps
+// as an unknown key) with the same words in its log.
+TEST_F(PackageZpk, CheckSaysWhatToWriteInstead) {
+    const fs::path src = dir.path() / "src";
+    test::writeText(src / "INFO",
+                    "\xEF\xBB\xBFpackage=\"tool\"\nversion=\"1.0\"\n"
+                    "description=\"says \"hi\" to you\"\n"
+                    "install_dep_package=\"base\"\n"
+                    "install_dep_packages=\"base (>= 1.0), web (<< 2)\"\n"
+                    "install_conflict_packages=\"old, older\"\n"
+                    "ui_dir=\"/www\"\n"
+                    "displayname=\"Tool\n");
+    test::writeText(src / "package/bin/tool", "#!/bin/sh\n", 0755);
+    const std::string s = src.string();
+    Output checked = zpk("check " + s);
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.err,
+              s +
+                  "/INFO:1: the file starts with a byte-order mark (bytes EF BB BF): save it as "
+                  "UTF-8 without one\n" +
+                  s +
+                  "/INFO:3: a quote inside the value must be written \\\": write "
+                  "description=\"says \\\"hi\\\" to you\"\n" +
+                  s +
+                  "/INFO:4: unknown key: install_dep_package, did you mean "
+                  "install_dep_packages? (devices ignore unknown keys)\n" +
+                  s +
+                  "/INFO:5: invalid install_dep_packages: a Debian-style list; items are "
+                  "joined by ':' and written name>=version, without parentheses: write "
+                  "\"base>=1.0:web<2\"\n" +
+                  s +
+                  "/INFO:6: invalid install_conflict_packages: a Debian-style list; items "
+                  "are joined by ':' and written name>=version, without parentheses: write "
+                  "\"old:older\"\n" +
+                  s +
+                  "/INFO:7: ui_dir \"/www\" must name a folder inside package/, without a "
+                  "leading / or ..: for package/ui write ui_dir=\"ui\"\n" +
+                  s +
+                  "/INFO:8: the value has no closing quote: write displayname=\"value\", "
+                  "with \\\" for a quote inside it\n" +
+                  "zpk: " + s + ": 7 problems\n");
+    test::writeText(src / "INFO", "package=\"tool\"\nversion=\"1.0\"\nui_dir=\"ui\"\n");
+    checked = zpk("check " + s);
+    EXPECT_EQ(checked.err, s +
+                               "/INFO:3: ui_dir \"ui\": package/ui is not a folder: put the web "
+                               "page there, or write the folder of package/ that holds it\n" +
+                               "zpk: " + s + ": 1 problem\n");
+    fs::create_directories(src / "package/ui");
+    EXPECT_EQ(zpk("check " + s).status, 0);
 }
 
 // A package file made by hand: what an install would refuse is named, and
@@ -141,7 +194,7 @@ TEST_F(PackageZpk, ChecksAndListsAPackageFile) {
     test::writeTar(file, {test::fileEntry("INFO",
                                           "package=\"hand\"\nversion=\"1 0\"\n"
                                           "checksum=\"" +
-                                              std::string(32, '0') + "\"\n"),
+                                              std::string(32, '0') + "\"\nui_dir=\"www\"\n"),
                           test::fileEntry("package.tgz", payload),
                           test::fileEntry("scripts/postinst", "#!/bin/sh\r\n")});
     const std::string f = file.string();
@@ -152,8 +205,10 @@ TEST_F(PackageZpk, ChecksAndListsAPackageFile) {
                   "/scripts/postinst:1: the #! line ends in a carriage return (CRLF line "
                   "endings): the interpreter will not be found\n" +
                   f + "/package.tgz: refused entry: symbolic link leaves its tree: bin/sh\n" + f +
-                  "/package.tgz: refused entry: unsafe entry name: ../escape\n" + "zpk: " + f +
-                  ": 4 problems\n");
+                  "/package.tgz: refused entry: unsafe entry name: ../escape\n" + f +
+                  "/INFO:4: ui_dir \"www\": package/www is not a folder: put the web page there, "
+                  "or write the folder of package/ that holds it\n" +
+                  "zpk: " + f + ": 5 problems\n");
 
     Output listed = zpk("contents " + f);
     EXPECT_EQ(listed.status, 0) << listed.err;

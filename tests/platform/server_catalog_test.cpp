@@ -153,9 +153,9 @@ TEST_F(ServerCatalog, EachNameHasOneSourceAndASourceDownFailsOnlyItsOwn) {
     EXPECT_EQ(lookup("app"), "1.0");
     const std::string log = readFile(operationLogFile()).value_or("");
     for (const char* told :
-         {":1: 100 line skipped: unknown id \"mirror\"", ":2: 100 line skipped: no URL",
-          ":3: 100 line skipped: unknown word \"ftp://127.0.0.1/\"",
-          ":4: 100 line skipped: no pinned root (root=<sha256>) and not marked unverified"})
+         {":1: line skipped: unknown id \"mirror\"", ":2: line skipped: no URL",
+          ":3: line skipped: unknown word \"ftp://127.0.0.1/\"",
+          ":4: line skipped: no pinned root (root=<sha256>) and not marked unverified"})
         EXPECT_NE(log.find(told), std::string::npos) << told;
     writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
     EXPECT_EQ(lookup("app"), "");

@@ -83,9 +83,10 @@ fs::path TempRoot::addVolume(int number) const {
 }
 
 void writeSettings(std::string_view lines) {
-    // The first value of a key counts, so `lines` may override the
-    // short lock wait that makes a leaked lock fail a test in seconds.
-    writeText(layout::settingsFile(), std::string(lines) + "lock_timeout=\"2\"\n");
+    // The short lock wait makes a leaked lock fail a test in seconds, unless
+    // `lines` set their own (a key given twice is logged as a slip).
+    const bool ownWait = lines.find("lock_timeout=") != std::string_view::npos;
+    writeText(layout::settingsFile(), std::string(lines) + (ownWait ? "" : "lock_timeout=\"2\"\n"));
 }
 
 void appendSetting(std::string_view line) {

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <map>
 #include <set>
 
+#include "base/near_miss.h"
 #include "base/result.h"
 #include "quorpkg/package/version.h"
 
@@ -22,10 +24,42 @@ std::string_view trim(std::string_view s) {
     return s.substr(begin, s.find_last_not_of(blanks) - begin + 1);
 }
 
+// A list written the way Debian packages write theirs ("a (>= 1.0), b"):
+// the reason, with the list as this format writes it when each item can be
+// put so ("a>=1.0:b").
+std::optional<std::string> dpkgStyleList(std::string_view value) {
+    if (value.find('|') != std::string_view::npos)
+        return "alternatives (a | b) cannot be written: name one package";
+    if (value.find_first_of(",()") == std::string_view::npos) return std::nullopt;
+    std::string rewritten;
+    bool complete = true;
+    for (size_t begin = 0; begin <= value.size();) {
+        size_t comma = std::min(value.find(',', begin), value.size());
+        std::string item;
+        for (char c : value.substr(begin, comma - begin))
+            if (c != '(' && c != ')' && c != ' ' && c != '\t') item += c;
+        // dpkg's strictly-greater and strictly-less.
+        for (auto [from, to] : {std::pair{">>", ">"}, std::pair{"<<", "<"}})
+            if (size_t at = item.find(from); at != std::string::npos) item.replace(at, 2, to);
+        complete = complete && parseDependency(item).has_value();
+        rewritten += (rewritten.empty() ? "" : ":") + item;
+        begin = comma + 1;
+    }
+    std::string why =
+        "a Debian-style list; items are joined by ':' and written name>=version, "
+        "without parentheses";
+    if (complete) why += ": write \"" + rewritten + "\"";
+    return why;
+}
+
 // Parses a ':'-joined list of dependency items; an empty value is no item.
 // A bad item stops the list with a reason naming it by position and text.
 bool parseDependencyList(std::string_view value, std::vector<Dependency>& out, std::string& why) {
     if (trim(value).empty()) return true;
+    if (std::optional<std::string> dpkg = dpkgStyleList(value)) {
+        why = std::move(*dpkg);
+        return false;
+    }
     for (int position = 1;; ++position) {
         size_t colon = value.find(':');
         std::string_view text = value.substr(0, colon);
@@ -64,25 +98,26 @@ bool parsePort(std::string_view value, int& port) {
 
 // The keys the platform and the package tools read; others are kept as
 // they are.
+constexpr std::string_view kKnownKeys[] = {"package",
+                                           "version",
+                                           "displayname",
+                                           "description",
+                                           "maintainer",
+                                           "manager_url",
+                                           "admin_port",
+                                           "ui_dir",
+                                           "beta",
+                                           "important",
+                                           "install_dep_packages",
+                                           "install_conflict_packages",
+                                           "install_dep_services",
+                                           "firmware",
+                                           "arch",
+                                           "checksum",
+                                           "sha256"};
+
 bool isKnownKey(std::string_view key) {
-    static const std::set<std::string_view> kKnown = {"package",
-                                                      "version",
-                                                      "displayname",
-                                                      "description",
-                                                      "maintainer",
-                                                      "manager_url",
-                                                      "admin_port",
-                                                      "ui_dir",
-                                                      "beta",
-                                                      "important",
-                                                      "install_dep_packages",
-                                                      "install_conflict_packages",
-                                                      "install_dep_services",
-                                                      "firmware",
-                                                      "arch",
-                                                      "checksum",
-                                                      "sha256"};
-    return kKnown.count(key) != 0;
+    return std::find(std::begin(kKnownKeys), std::end(kKnownKeys), key) != std::end(kKnownKeys);
 }
 
 bool isValidArch(std::string_view arch) {
@@ -209,31 +244,29 @@ std::vector<ManifestProblem> checkManifest(std::string_view text) {
     // Each line on its own, so that one bad line does not hide the others.
     KeyValues pairs;
     std::map<std::string, size_t, std::less<>> lineOfKey;
-    size_t lineNumber = 0;
-    while (!text.empty()) {
-        size_t end = text.find('\n');
-        std::string_view line = text.substr(0, end);
-        text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);
-        ++lineNumber;
-        std::optional<KeyValues> parsed = parseKeyValues(line);
-        if (!parsed) {
-            problems.push_back({lineNumber, "expected key=\"value\""});
+    for (KeyValueLine& line : readKeyValueLines(text)) {
+        if (!line.problem.empty()) problems.push_back({line.number, std::move(line.problem)});
+        if (!line.read) continue;
+        auto [at, added] = lineOfKey.emplace(line.key, line.number);
+        if (!added) {
+            problems.push_back({line.number, "duplicate key: " + line.key + " (first on line " +
+                                                 std::to_string(at->second) + ")"});
             continue;
         }
-        for (auto& pair : *parsed) {
-            auto [at, added] = lineOfKey.emplace(pair.first, lineNumber);
-            if (!added) {
-                problems.push_back({lineNumber, "duplicate key: " + pair.first +
-                                                    " (first on line " +
-                                                    std::to_string(at->second) + ")"});
-                continue;
-            }
-            if (!isKnownKey(pair.first))
-                problems.push_back({lineNumber, "unknown key: " + pair.first, true});
-            else if (pair.first == "important" && pair.second != "yes" && pair.second != "no")
-                problems.push_back({lineNumber, "important should be yes or no", true});
-            pairs.push_back(std::move(pair));
+        if (!isKnownKey(line.key)) {
+            // A slip of a known key would be kept as an unknown one: the
+            // package would install without what the key says.
+            std::string_view meant = nearMiss(line.key, kKnownKeys);
+            if (meant.empty())
+                problems.push_back({line.number, "unknown key: " + line.key, true});
+            else
+                problems.push_back({line.number, "unknown key: " + line.key + ", did you mean " +
+                                                     std::string(meant) +
+                                                     "? (devices ignore unknown keys)"});
+        } else if (line.key == "important" && line.value != "yes" && line.value != "no") {
+            problems.push_back({line.number, "important should be yes or no", true});
         }
+        pairs.emplace_back(std::move(line.key), std::move(line.value));
     }
     Manifest ignored;
     readFields(pairs, ignored, [&](std::string_view key, std::string message) {

@@ -47,7 +47,7 @@ int parseManifest(std::string_view text, Manifest& out, std::string* error = nul
 
 // One broken rule of a manifest: the line it is on (1-based; 0 when it
 // concerns the whole file, such as a missing key) and what is wrong. A
-// warning (an unknown key, likely a typing slip) does not make it invalid.
+// warning (an unknown key that is no slip of a known one) does not make it invalid.
 struct ManifestProblem {
     size_t line = 0;
     std::string message;
@@ -55,8 +55,10 @@ struct ManifestProblem {
 };
 
 // Every broken rule of the manifest text, by line. It applies the rules of
-// parseManifest, so it holds no error exactly when parseManifest accepts the
-// text; it goes on past the first problem, for authors.
+// parseManifest, so it holds an error whenever parseManifest refuses the
+// text; it goes on past the first problem, for authors. One error is the
+// authors' alone: an unknown key that is a slip of a known one, which a
+// device keeps like any unknown key.
 std::vector<ManifestProblem> checkManifest(std::string_view text);
 
 // The manifest as INFO text (every pair, in order).

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "base/file_util.h"
+#include "base/key_value.h"
 #include "quorpkg/package/entry_check.h"
 #include "quorpkg/package/manifest.h"
 #include "quorpkg/package/package_file.h"
@@ -35,6 +36,13 @@ public:
         for (ManifestProblem& problem : checkManifest(text))
             list_.push_back(
                 {path.string(), problem.line, std::move(problem.message), problem.warning});
+    }
+    // Where the next problem goes; sortSince(mark) puts those reported
+    // since (one file's, from several checks) in line order.
+    size_t mark() const { return list_.size(); }
+    void sortSince(size_t mark) {
+        std::stable_sort(list_.begin() + static_cast<std::ptrdiff_t>(mark), list_.end(),
+                         [](const auto& a, const auto& b) { return a.line < b.line; });
     }
     std::vector<PackageProblem> take() { return std::move(list_); }
 
@@ -151,6 +159,33 @@ void checkTopLevel(const fs::path& dir, Problems& problems) {
     }
 }
 
+// Where the manifest text sets ui_dir: its line and value, or line 0.
+std::pair<size_t, std::string> uiDirOf(std::string_view info) {
+    for (KeyValueLine& line : readKeyValueLines(info))
+        if (line.read && line.key == "ui_dir") return {line.number, std::move(line.value)};
+    return {0, {}};
+}
+
+// ui_dir must name a folder of the payload, or the web page's link leads
+// nowhere. `isFolder(name)` tells whether the payload has the folder `name`.
+template <typename IsFolder>
+void checkUiDir(const fs::path& info, std::string_view text, const IsFolder& isFolder,
+                Problems& problems) {
+    auto [line, uiDir] = uiDirOf(text);
+    if (uiDir.empty()) return;
+    const std::optional<std::string> inside = normalizeEntryName(uiDir);
+    if (!inside || inside->empty())
+        problems.error(info, line,
+                       "ui_dir \"" + uiDir +
+                           "\" must name a folder inside package/, without a leading / or ..: "
+                           "for package/ui write ui_dir=\"ui\"");
+    else if (!isFolder(*inside))
+        problems.error(info, line,
+                       "ui_dir \"" + uiDir + "\": package/" + *inside +
+                           " is not a folder: put the web page there, or write the folder of "
+                           "package/ that holds it");
+}
+
 }  // namespace
 
 std::string formatProblem(const PackageProblem& problem) {
@@ -171,10 +206,17 @@ std::vector<PackageProblem> checkPackageSource(const fs::path& dir) {
         problems.error(dir, "not a folder");
         return problems.take();
     }
-    if (std::optional<std::string> info = readFile(dir / "INFO"))
+    if (std::optional<std::string> info = readFile(dir / "INFO")) {
+        const size_t mark = problems.mark();
         problems.manifest(dir / "INFO", *info);
-    else
+        checkUiDir(
+            dir / "INFO", *info,
+            [&](const std::string& name) { return fs::is_directory(dir / "package" / name, ec); },
+            problems);
+        problems.sortSince(mark);
+    } else {
         problems.error(dir / "INFO", "missing: every package needs a manifest");
+    }
     if (fs::is_directory(dir / "package", ec))
         checkTree(dir / "package", true, problems);
     else
@@ -238,6 +280,19 @@ std::vector<PackageProblem> checkPackageFile(const fs::path& file) {
     for (const PayloadEntry& entry : payload.entries)
         if (!entry.refusal.empty())
             problems.error(inside / payload.member, "refused entry: " + entry.refusal);
+    if (info != texts.end()) {
+        // A folder entry, a link (to one, as far as can be told) or any
+        // entry below it.
+        auto isFolder = [&](const std::string& name) {
+            return std::any_of(
+                payload.entries.begin(), payload.entries.end(), [&](const PayloadEntry& entry) {
+                    std::string entryName = normalizeEntryName(entry.name).value_or("");
+                    return (entryName == name && entry.type != 'f') ||
+                           entryName.starts_with(name + "/");
+                });
+        };
+        checkUiDir(inside / "INFO", info->second, isFolder, problems);
+    }
     Manifest manifest;
     if (info != texts.end() && parseManifest(info->second, manifest) == 0 &&
         !manifest.checksum.empty() && manifest.checksum != payload.md5)

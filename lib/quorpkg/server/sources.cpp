@@ -1,8 +1,6 @@
 #include "quorpkg/server/sources.h"
 
 #include <cctype>
-#include <mutex>
-#include <set>
 #include <sstream>
 
 #include "base/file_util.h"
@@ -21,13 +19,8 @@ constexpr const char* kAccepted =
 
 // A bad line is told once per process, however often the file is read.
 void reportLine(size_t lineNumber, const std::string& problem) {
-    static std::mutex mutex;
-    static std::set<std::string> told;
-    const std::string where = layout::sourcesFile().string() + ":" + std::to_string(lineNumber);
-    const std::string reason = "line skipped: " + problem + " (" + kAccepted + ")";
-    std::lock_guard guard(mutex);
-    if (told.insert(where + reason).second)
-        logOperation("read sources", where, Outcome{kBadArgument, reason});
+    logFileProblem(layout::sourcesFile(), lineNumber,
+                   "line skipped: " + problem + " (" + kAccepted + ")");
 }
 
 // One line's source; the problem when it cannot be used.
