@@ -10,34 +10,74 @@ namespace fs = std::filesystem;
 
 namespace quor::layout {
 
-Path packagesDir() { return hostPath("/var/packages"); }
-Path packageDir(const std::string& name) { return packagesDir() / name; }
-Path manifestFile(const std::string& name) { return packageDir(name) / "INFO"; }
-Path enabledFlag(const std::string& name) { return packageDir(name) / "enabled"; }
-Path scriptsDir(const std::string& name) { return packageDir(name) / "scripts"; }
-Path targetLink(const std::string& name) { return packageDir(name) / "target"; }
-Path varDir(const std::string& name) { return packageDir(name) / "var"; }
-Path journalDir() { return packagesDir() / ".journal"; }
+Path packagesDir() {
+    return hostPath("/var/packages");
+}
+Path packageDir(const std::string& name) {
+    return packagesDir() / name;
+}
+Path manifestFile(const std::string& name) {
+    return packageDir(name) / "INFO";
+}
+Path enabledFlag(const std::string& name) {
+    return packageDir(name) / "enabled";
+}
+Path scriptsDir(const std::string& name) {
+    return packageDir(name) / "scripts";
+}
+Path targetLink(const std::string& name) {
+    return packageDir(name) / "target";
+}
+Path varDir(const std::string& name) {
+    return packageDir(name) / "var";
+}
+Path journalDir() {
+    return packagesDir() / ".journal";
+}
 
 Path appstoreDir(const Path& volume, const std::string& name) {
     return volume / "@appstore" / name;
 }
-Path volumeTmpDir(const Path& volume) { return volume / "@tmp" / "quorpkg"; }
+Path volumeTmpDir(const Path& volume) {
+    return volume / "@tmp" / "quorpkg";
+}
 
-Path logFile(const std::string& name) { return hostPath("/var/log/packages") / (name + ".log"); }
-Path lockFile() { return hostPath("/run/quorpkg/lock"); }
-Path activeMark(const std::string& name) { return hostPath("/run/quorpkg/active") / name; }
-Path taskFile(const std::string& name) { return hostPath("/run/quorpkg/tasks") / (name + ".json"); }
-Path listDir() { return hostPath("/var/cache/quorpkg/list"); }
-Path settingsFile() { return hostPath("/etc/quorpkg/settings"); }
-Path sourcesFile() { return hostPath("/etc/quorpkg/sources"); }
-Path firmwareLimitsFile() { return hostPath("/etc/quorpkg/firmware-limits"); }
-Path trustedKeysDir() { return hostPath("/etc/quorpkg/keys"); }
+Path logFile(const std::string& name) {
+    return hostPath("/var/log/packages") / (name + ".log");
+}
+Path lockFile() {
+    return hostPath("/run/quorpkg/lock");
+}
+Path activeMark(const std::string& name) {
+    return hostPath("/run/quorpkg/active") / name;
+}
+Path taskFile(const std::string& name) {
+    return hostPath("/run/quorpkg/tasks") / (name + ".json");
+}
+Path listDir() {
+    return hostPath("/var/cache/quorpkg/list");
+}
+Path settingsFile() {
+    return hostPath("/etc/quorpkg/settings");
+}
+Path sourcesFile() {
+    return hostPath("/etc/quorpkg/sources");
+}
+Path firmwareLimitsFile() {
+    return hostPath("/etc/quorpkg/firmware-limits");
+}
+Path trustedKeysDir() {
+    return hostPath("/etc/quorpkg/keys");
+}
 Path webEntry(const std::string& name) {
     return hostPath("/usr/quor/quorman/webman/3rdparty") / name;
 }
-Path notificationsFile() { return hostPath("/var/spool/quorpkg/notifications"); }
-Path hwRequestsFile() { return hostPath("/run/hwcontrol/requests"); }
+Path notificationsFile() {
+    return hostPath("/var/spool/quorpkg/notifications");
+}
+Path hwRequestsFile() {
+    return hostPath("/run/hwcontrol/requests");
+}
 
 static long volumeNumber(const std::string& name) {
     if (name.size() <= 6 || name.compare(0, 6, "volume") != 0) return -1;
@@ -57,19 +97,6 @@ std::vector<Path> volumes() {
     std::vector<Path> paths;
     for (auto& [number, path] : found) paths.push_back(std::move(path));
     return paths;
-}
-
-std::vector<Path> requiredDirs() {
-    return {packagesDir(),
-            journalDir(),
-            hostPath("/var/log/packages"),
-            hostPath("/run/quorpkg/active"),
-            hostPath("/run/quorpkg/tasks"),
-            listDir(),
-            hostPath("/etc/quorpkg"),
-            hostPath("/usr/quor/quorman/webman/3rdparty"),
-            hostPath("/var/spool/quorpkg"),
-            hostPath("/run/hwcontrol")};
 }
 
 }  // namespace quor::layout

@@ -19,10 +19,10 @@ Path varDir(const std::string& name);        // .../var
 Path journalDir();                           // /var/packages/.journal
 
 Path appstoreDir(const Path& volume, const std::string& name);  // <volume>/@appstore/<name>
-Path volumeTmpDir(const Path& volume);                           // <volume>/@tmp/quorpkg
+Path volumeTmpDir(const Path& volume);                          // <volume>/@tmp/quorpkg
 
-Path logFile(const std::string& name);  // /var/log/packages/<name>.log
-Path lockFile();                        // /run/quorpkg/lock
+Path logFile(const std::string& name);     // /var/log/packages/<name>.log
+Path lockFile();                           // /run/quorpkg/lock
 Path activeMark(const std::string& name);  // /run/quorpkg/active/<name>
 Path taskFile(const std::string& name);    // /run/quorpkg/tasks/<name>.json
 Path listDir();                            // /var/cache/quorpkg/list
@@ -36,8 +36,5 @@ Path hwRequestsFile();                     // /run/hwcontrol/requests
 
 // The volumes (directories at the root named "volume" and digits), by number.
 std::vector<Path> volumes();
-
-// The directories init() makes sure of.
-std::vector<Path> requiredDirs();
 
 }  // namespace quor::layout
