@@ -29,6 +29,7 @@ done
 base="$cache/systemd-root"
 if [ ! -e "$base/.complete" ]; then
     rm -rf "$base" "$base.new"
+    mkdir -p "$cache"
     echo "making the container root with debootstrap (once; kept in $base)"
     if ! debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus bookworm \
         "$base.new" >"$cache/systemd-root.log" 2>&1; then

@@ -1,10 +1,12 @@
 #include "quorpkg/scripts/service_scope.h"
 
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
-#include <random>
 
 #include "base/system_root.h"
 
@@ -21,10 +23,15 @@ bool systemdIsInit() {
     return ::access("/run/systemd/system", F_OK) == 0;
 }
 
+// getrandom rather than std::random_device, which may throw; without it the
+// pid and the clock still differ between two starts.
 std::string randomSuffix() {
-    std::random_device random;
+    uint32_t value = 0;
+    if (::getrandom(&value, sizeof value, GRND_NONBLOCK) != sizeof value)
+        value = static_cast<uint32_t>(::getpid()) * 2654435761u ^
+                static_cast<uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     char hex[9];
-    std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(random()));
+    std::snprintf(hex, sizeof hex, "%08x", value);
     return hex;
 }
 
