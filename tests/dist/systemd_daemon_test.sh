@@ -101,6 +101,15 @@ for version in 1.0 1.1; do
     "$zpk" build "$source_dir" -o "$root/srv/ticker-$version.zpk" >/dev/null ||
         { echo "FAIL: zpk build ticker $version"; exit 1; }
 done
+# "stuck": a start that never ends, and leaves a process behind as it hangs.
+stuck_dir="$work/stuck"
+mkdir -p "$stuck_dir/package" "$stuck_dir/scripts"
+printf 'package="stuck"\nversion="1.0"\narch="noarch"\n' >"$stuck_dir/INFO"
+printf '#!/bin/sh\n[ "$1" = start ] || exit 3\nsleep 600 &\nwait\n' \
+    >"$stuck_dir/scripts/start-stop-status"
+chmod 755 "$stuck_dir/scripts/start-stop-status"
+"$zpk" build "$stuck_dir" -o "$root/srv/stuck-1.0.zpk" >/dev/null ||
+    { echo "FAIL: zpk build stuck"; exit 1; }
 mv "$root/srv/ticker-1.1.zpk" "$root/srv/repo/"
 "$zpk" index "$root/srv/repo" >/dev/null || { echo "FAIL: zpk index"; exit 1; }
 echo "quorserver file:///srv/repo/" >"$root/etc/quorpkg/sources"
@@ -162,6 +171,16 @@ for _ in $(seq 50); do scopes >/dev/null || break; sleep 0.1; done
 if scopes >/dev/null; then
     fail "a package scope outlived its daemon: $(inside systemctl list-units 'quorpkg-pkg-*')"
 fi
+
+# Past script_timeout the start's whole process group is killed, in its
+# scope as without one: the start fails (the install stands) and the scope
+# goes with its processes.
+echo 'script_timeout="1"' >>"$root/etc/quorpkg/settings"
+inside quorpkg install /srv/stuck-1.0.zpk >/dev/null || fail "install stuck"
+grep -q 'start-stop-status start timed out after 1 s' "$root/var/log/packages/stuck.log" ||
+    fail "the stuck start was not timed out: $(cat "$root/var/log/packages/stuck.log")"
+for _ in $(seq 50); do scopes >/dev/null || break; sleep 0.1; done
+scopes >/dev/null && fail "the stuck start left its scope: $(scopes)"
 
 [ "$failures" -eq 0 ] || exit 1
 echo "daemons outlive the upgrade unit under systemd"
