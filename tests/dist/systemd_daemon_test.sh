@@ -4,7 +4,8 @@
 # upgrade that package: the daemon it restarts must outlive the unit (it
 # runs in a scope of its own, not in the unit's control group, which
 # systemd empties when the oneshot ends), with the script's environment as
-# documented; a stop must still end it.
+# documented; a stop must still end it, and a start past script_timeout
+# must leave nothing behind.
 # Usage: systemd_daemon_test.sh QUORPKG ZPK UNIT_SOURCE_DIR CACHE_DIR
 # The container's root is made once by debootstrap and kept in
 # CACHE_DIR/systemd-root; each run boots a copy. Exits 77 (skipped) when no
