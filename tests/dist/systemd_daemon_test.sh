@@ -173,6 +173,20 @@ if scopes >/dev/null; then
     fail "a package scope outlived its daemon: $(inside systemctl list-units 'quorpkg-pkg-*')"
 fi
 
+# The boot unit starts the enabled packages in scopes too: a scope ordered
+# before the unit that is starting it must not wait for that unit. Stopping
+# the unit stops them through their scripts.
+inside quorpkg start ticker >/dev/null && inside quorpkg pause ticker >/dev/null ||
+    fail "start and pause ticker"
+timeout 60 nsenter -t "$init" -a systemctl start quorpkg.service ||
+    fail "quorpkg.service did not start"
+pid=$(cat "$var/tickerd.pid" 2>/dev/null)
+alive "$pid" || fail "quorpkg.service did not start ticker"
+grep -q '^0::/system.slice/quorpkg-pkg-ticker-' "$var/start.cgroup" ||
+    fail "the boot start did not run in a scope: $(cat "$var/start.cgroup")"
+inside systemctl stop quorpkg.service || fail "quorpkg.service did not stop"
+alive "$pid" && fail "stopping quorpkg.service left tickerd $pid running"
+
 # Past script_timeout the start's whole process group is killed, in its
 # scope as without one: the start fails (the install stands) and the scope
 # goes with its processes.
