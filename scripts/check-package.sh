@@ -116,7 +116,9 @@ if [ "${CI:-}" = true ] && [ "$(id -u)" -eq 0 ] &&
   ! dpkg-query -W -f='${Status}' quorpkg 2>/dev/null | grep -q installed; then
   mapfile -t present < <(dpkg-deb -c "$deb" | awk '$1 ~ /^d/ {print substr($6, 2)}' |
     while read -r dir; do [ -d "$dir" ] && echo "$dir"; done)
-  if dpkg -i "$deb" >"$work/dpkg.log" 2>&1 && dpkg -r quorpkg >>"$work/dpkg.log" 2>&1; then
+  # --purge after -r also drops dpkg's record of the removed package.
+  if dpkg -i "$deb" >"$work/dpkg.log" 2>&1 && dpkg -r quorpkg >>"$work/dpkg.log" 2>&1 &&
+    dpkg --purge quorpkg >>"$work/dpkg.log" 2>&1; then
     for dir in "${present[@]}"; do
       [ -d "$dir" ] || fail "deb: dpkg -r removed $dir, which was there before"
     done
