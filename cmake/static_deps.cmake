@@ -20,11 +20,14 @@ function(quor_static_libarchive)
   set(deps)
   # What libarchive.a may call (pkg-config --static libarchive); each .a is
   # taken where there is one, else the shared library. libxml2 stays shared:
-  # its .a would need ICU's, and only zpk's archive writer pulls it in.
+  # its .a would need ICU's, and only zpk's archive writer pulls it in. zlib
+  # and bzip2 stay shared too: Debian policy (4.13) forbids embedded copies
+  # of them, which lintian reports as errors, and every system has them.
+  set(shared xml2 z bz2)
   foreach(name nettle acl lzma zstd lz4 bz2 z xml2)
     find_library(QUOR_${name}_A NAMES lib${name}.a)
     find_library(QUOR_${name}_SO NAMES ${name})
-    if(QUOR_${name}_A AND NOT name STREQUAL "xml2")
+    if(QUOR_${name}_A AND NOT name IN_LIST shared)
       list(APPEND deps ${QUOR_${name}_A})
     elseif(QUOR_${name}_SO)
       list(APPEND deps ${QUOR_${name}_SO})

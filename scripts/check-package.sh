@@ -1,27 +1,33 @@
 #!/usr/bin/env bash
 # Installs a built tree into a staging folder with `cmake --install --strip`
-# and builds the Debian package with cpack; checks that both hold every file
-# in its usual place, stripped binaries, units that systemd accepts and the
-# computed Depends with libcurl. Usage: scripts/check-package.sh [BUILD_DIR]
+# under its configured prefix and builds the Debian package with cpack;
+# checks that both hold every file in its usual place, stripped binaries,
+# units that systemd accepts and that name the binary under their prefix
+# (/usr in the package, whatever the build's prefix), and of the package:
+# the computed Depends, lintian without errors or unexplained warnings, and
+# (as root on CI, whose machine is thrown away) that dpkg -i and dpkg -r
+# leave the directories of other packages alone.
+# Usage: scripts/check-package.sh [BUILD_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# The units name the installed binary: configure for the package's prefix
-# (nothing is recompiled for that).
-cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
-cmake --build "$build" --target quorpkg zpk -j"$(nproc)" >/dev/null
+prefix=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
+cmake --build "$build" -j"$(nproc)" >/dev/null
 
+# Paths below the prefix.
 expected=(
-  usr/bin/quorpkg usr/bin/zpk
-  usr/share/man/man8/quorpkg.8 usr/share/man/man1/zpk.1 usr/share/man/man5/quorpkg-package.5
-  usr/share/bash-completion/completions/quorpkg usr/share/bash-completion/completions/zpk
-  usr/lib/systemd/system/quorpkg.service usr/lib/systemd/system/quorpkg-upgrade.service
-  usr/lib/systemd/system/quorpkg-upgrade.timer
-  usr/share/doc/quorpkg/README.md usr/share/doc/quorpkg/package-format.md
-  usr/share/doc/quorpkg/first-package.md usr/share/doc/quorpkg/examples/settings
+  bin/quorpkg bin/zpk
+  share/man/man8/quorpkg.8.gz share/man/man1/zpk.1.gz share/man/man5/quorpkg-package.5.gz
+  share/bash-completion/completions/quorpkg share/bash-completion/completions/zpk
+  lib/systemd/system/quorpkg.service lib/systemd/system/quorpkg-upgrade.service
+  lib/systemd/system/quorpkg-upgrade.timer
+  share/doc/quorpkg/README.md share/doc/quorpkg/package-format.md
+  share/doc/quorpkg/first-package.md share/doc/quorpkg/examples/settings
+  share/doc/quorpkg/copyright share/doc/quorpkg/changelog.Debian.gz
+  share/lintian/overrides/quorpkg
 )
 failures=0
 fail() {
@@ -29,38 +35,49 @@ fail() {
   failures=$((failures + 1))
 }
 
-# check_tree DIR WHAT: the expected files, stripped binaries, verified units.
+# check_tree DIR PREFIX WHAT: the expected files, stripped binaries, man
+# pages compressed without name or time stamp, verified units that name
+# the binary under PREFIX.
 check_tree() {
-  local root="$1" what="$2" file unit
+  local root="$1" prefix="$2" what="$3" file unit
+  local top="$root$prefix"
   for file in "${expected[@]}"; do
-    [ -f "$root/$file" ] || fail "$what: no $file"
+    [ -f "$top/$file" ] || fail "$what: no $prefix/$file"
   done
-  for file in "$root"/usr/bin/*; do
+  for file in "$top"/bin/*; do
     if readelf -S "$file" | grep -qE '\.symtab|\.debug_info'; then
       fail "$what: $file is not stripped"
     fi
   done
+  for file in "$top"/share/man/man*/*; do
+    # gzip's flags byte (no file name) and its four time bytes are all zero.
+    [ "$(od -An -tx1 -j3 -N5 "$file" | tr -d ' ')" = 0000000000 ] ||
+      fail "$what: $file is not compressed with gzip -n"
+  done
+  grep -qx "ExecStart=$prefix/bin/quorpkg chkupgradepkg" \
+    "$top/lib/systemd/system/quorpkg-upgrade.service" ||
+    fail "$what: the units do not name $prefix/bin/quorpkg"
   # systemd checks the binary and the man page the units name: point them
   # into the tree.
   mkdir -p "$work/$what-units"
-  for unit in "$root"/usr/lib/systemd/system/*; do
-    sed "s#=/usr/bin/#=$root/usr/bin/#" "$unit" >"$work/$what-units/${unit##*/}"
+  for unit in "$top"/lib/systemd/system/*; do
+    sed "s#=$prefix/bin/#=$top/bin/#" "$unit" >"$work/$what-units/${unit##*/}"
   done
   local complaints
-  if ! complaints=$(MANPATH="$root/usr/share/man" \
+  if ! complaints=$(MANPATH="$top/share/man" \
     systemd-analyze verify "$work/$what-units"/* 2>&1) || [ -n "$complaints" ]; then
     fail "$what: systemd-analyze verify: $complaints"
   fi
 }
 
 DESTDIR="$work/stage" cmake --install "$build" --strip >/dev/null
-check_tree "$work/stage" install
+check_tree "$work/stage" "$prefix" install
 
 rm -f "$build"/quorpkg_*.deb
 (cd "$build" && cpack -G DEB >/dev/null)
 deb=$(ls "$build"/quorpkg_*.deb)
 dpkg-deb -x "$deb" "$work/deb"
-check_tree "$work/deb" deb
+check_tree "$work/deb" /usr deb
 depends=$(dpkg-deb -f "$deb" Depends)
 # Every shared library the binaries load (what is linked statically loads
 # nothing), and libcurl and libcrypto, which are opened at run time, must be
@@ -80,6 +97,37 @@ named=$(tr ',|' '\n\n' <<<"$depends" | awk '{print $1}')
 for need in "${needs[@]}"; do
   grep -qxF "$need" <<<"$named" || fail "deb: Depends lacks $need: $depends"
 done
+
+[ "$(dpkg-deb -f "$deb" Recommends)" = bash-completion ] || fail "deb: Recommends is not bash-completion"
+for script in postinst postrm; do
+  dpkg-deb --ctrl-tarfile "$deb" | tar -xO "./$script" 2>/dev/null | grep -q 'systemctl --system daemon-reload' ||
+    fail "deb: no $script that reloads systemd"
+done
+
+# Errors fail, and so do warnings not explained in dist/debian/lintian-overrides.
+if ! complaints=$(lintian --allow-root --fail-on error,warning "$deb" 2>&1); then
+  fail "deb: lintian: $complaints"
+fi
+
+# Installing and removing the package must leave every directory that was
+# there before it (base-files makes /usr/local/share/man in its postinst,
+# so dpkg counted it as the package's own and took it away).
+if [ "${CI:-}" = true ] && [ "$(id -u)" -eq 0 ] &&
+  ! dpkg-query -W -f='${Status}' quorpkg 2>/dev/null | grep -q installed; then
+  mapfile -t present < <(dpkg-deb -c "$deb" | awk '$1 ~ /^d/ {print substr($6, 2)}' |
+    while read -r dir; do [ -d "$dir" ] && echo "$dir"; done)
+  # --purge after -r also drops dpkg's record of the removed package.
+  if dpkg -i "$deb" >"$work/dpkg.log" 2>&1 && dpkg -r quorpkg >>"$work/dpkg.log" 2>&1 &&
+    dpkg --purge quorpkg >>"$work/dpkg.log" 2>&1; then
+    for dir in "${present[@]}"; do
+      [ -d "$dir" ] || fail "deb: dpkg -r removed $dir, which was there before"
+    done
+  else
+    fail "deb: dpkg -i or dpkg -r failed: $(cat "$work/dpkg.log")"
+  fi
+else
+  echo "note: dpkg -i/-r not tried (only as root on CI, without quorpkg installed)"
+fi
 
 if [ "$failures" -ne 0 ]; then
   echo "$failures package checks failed"

@@ -6,7 +6,8 @@ packages=(build-essential cmake pkg-config
   libjsoncpp-dev libarchive-dev libcurl4-openssl-dev libssl-dev
   libzstd-dev liblz4-dev libacl1-dev
   libgtest-dev libgmock-dev python3 zstd zlib1g-dev clang nginx-light
-  man-db groff-base systemd dpkg-dev binutils)
+  man-db groff-base systemd dpkg-dev binutils
+  debootstrap systemd-container lintian)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

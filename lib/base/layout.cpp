@@ -114,17 +114,4 @@ std::vector<Path> volumes() {
     return paths;
 }
 
-std::vector<Path> requiredDirs() {
-    return {packagesDir(),
-            journalDir(),
-            hostPath("/var/log/packages"),
-            hostPath("/run/quorpkg/active"),
-            hostPath("/run/quorpkg/tasks"),
-            listDir(),
-            hostPath("/etc/quorpkg"),
-            hostPath("/usr/quor/quorman/webman/3rdparty"),
-            hostPath("/var/spool/quorpkg"),
-            hostPath("/run/hwcontrol")};
-}
-
 }  // namespace quor::layout

@@ -44,7 +44,4 @@ Path hwRequestsFile();                   // /run/hwcontrol/requests
 // The volumes (directories at the root named "volume" and digits), by number.
 std::vector<Path> volumes();
 
-// The directories init() makes sure of.
-std::vector<Path> requiredDirs();
-
 }  // namespace quor::layout

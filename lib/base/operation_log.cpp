@@ -61,9 +61,11 @@ void logFileProblem(const std::filesystem::path& file, size_t line, const std::s
         std::lock_guard<std::mutex> lock(mutex);
         if (!logged.insert(text).second) return;
     }
+    // A bad line of a configuration file is worth its log line even while
+    // reading: the administrator must learn that it was skipped.
     const std::filesystem::path log = operationLogFile();
     std::error_code ec;
-    if (std::filesystem::is_directory(log.parent_path(), ec))
+    if (rootExists() && (std::filesystem::create_directories(log.parent_path(), ec), !ec))
         appendCapped(log, stampedLine(text), kOperationLogCap);
     ::syslog(LOG_WARNING | LOG_USER, "%s", text.c_str());
 }

@@ -25,12 +25,11 @@ std::string operationLine(const std::string& name, const std::string& package,
 // syslog. Never fails: a log that cannot be written is skipped.
 void logOperation(const std::string& name, const std::string& package, const Outcome& outcome);
 
-// A problem of a file an administrator writes (settings): appends
+// A problem of a file an administrator writes (settings, sources): appends
 // "<UTC time> [<pid>] <file>:<line>: <message>" ("<file>: <message>" for
 // line 0) and sends the same words to syslog, once per process for the same
-// words, since such files are read many times per process. Appends only
-// where the log folder exists already: reading a file creates nothing.
-// Never fails.
+// words, since such files are read many times per process. Like a failed
+// operation's line, it makes the log folder when there is none. Never fails.
 void logFileProblem(const std::filesystem::path& file, size_t line, const std::string& message);
 
 }  // namespace quor

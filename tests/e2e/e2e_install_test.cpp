@@ -1,6 +1,8 @@
 // install, query, version, log and uninstall through the built binary.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "base/file_util.h"
 #include "tool_runner.h"
 
@@ -62,6 +64,43 @@ TEST(E2eInstall, QueryInstallUpgradeVersionLogAndUninstall) {
     EXPECT_FALSE(fs::exists(device.root().host("/volume2/@appstore/demo")));
     device.expect({"version", "demo"}, "", 1);
     device.expect({"log", "demo"}, "Failed to get log file 255\n", 1);
+}
+
+// Every path under `dir`, links not followed.
+std::set<std::string> treeOf(const fs::path& dir) {
+    std::set<std::string> paths;
+    for (const auto& entry : fs::recursive_directory_iterator(dir))
+        paths.insert(fs::relative(entry.path(), dir).string());
+    return paths;
+}
+
+TEST(E2eInstall, ReadsLeaveABareRootAsItIsAndTheFirstWritesMakeTheirFolders) {
+    Device device;
+    const std::string file = device.package(demo("1.0"));
+    // A device with its volumes and nothing else: no settings, no folders.
+    fs::remove_all(device.root().host("/etc"));
+    const std::set<std::string> bare = treeOf(device.root().path());
+
+    device.expect({"--help"}, device.quorpkg({}).out, 0);
+    device.expect({"list"}, "", 0);
+    device.expect({"list", "--name"}, "\n", 0);
+    device.expect({"version", "demo"}, "", 1);
+    device.expect({"is_onoff", "demo"}, "package demo isn't turned on, status: [255]\n", 1);
+    EXPECT_EQ(device.quorpkg({"query", file}).status, 0);
+    EXPECT_EQ(device.quorpkg({"sort_zpk_by_dep_order", file}).status, 0);
+    EXPECT_EQ(treeOf(device.root().path()), bare);
+
+    device.expect({"install", file}, file + " install successfully\n", 0);
+    EXPECT_TRUE(fs::exists(device.root().host("/demo.running")));
+    device.expect({"stop", "demo"}, "package demo stop successfully\n", 0);
+    device.expect({"start", "demo"}, "package demo start successfully\n", 0);
+    EXPECT_TRUE(fs::exists(device.root().host("/run/quorpkg/active/demo")));
+    device.expect({"start-depend", "pgsql"}, "", 0);
+    EXPECT_TRUE(fs::exists(device.root().host("/run/hwcontrol/requests")));
+    test::writeText(device.root().host("/etc/quorpkg/firmware-limits"), "demo >= 0\n");
+    device.expect({"notify_stopped_by_firmware"},
+                  "quorpkg: cannot start demo (ver=1.0) in this firmware (status=1).\n", 0);
+    EXPECT_TRUE(fs::exists(device.root().host("/var/spool/quorpkg/notifications")));
 }
 
 TEST(E2eInstall, AChangeKilledHalfwayIsFinishedByTheNextRunAndTheProductHasNoCrashPoints) {

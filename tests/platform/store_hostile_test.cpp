@@ -120,11 +120,13 @@ TEST_F(StoreHostile, AMissingRootIsAnErrorThatCreatesNothing) {
     }
     ::unsetenv("QUOR_ROOT");
 
-    // An existing root, empty or not, gets the folders it lacks.
-    TempRoot root;
+    // An existing root is taken as it is: folders come with the first write.
+    TempDir empty;
+    ::setenv("QUOR_ROOT", empty.path().c_str(), 1);
     QUORPackageTool::PackageManager manager;
-    ASSERT_TRUE(manager.init());
-    for (const fs::path& required : layout::requiredDirs()) EXPECT_TRUE(fs::is_directory(required));
+    EXPECT_TRUE(manager.init());
+    EXPECT_TRUE(fs::is_empty(empty.path()));
+    ::unsetenv("QUOR_ROOT");
 }
 
 TEST_F(StoreHostile, NumericSettingsAreClampedToSaneRanges) {

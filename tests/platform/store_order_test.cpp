@@ -174,7 +174,7 @@ TEST_F(StoreListing, ListsInByteOrderAndWorksWithoutInit) {
     EXPECT_EQ(manager.getResult(), kNoSuchPackage);
 }
 
-TEST_F(StoreListing, QueryReadsTheFileAndInitRefusesARootThatCannotHoldTheStore) {
+TEST_F(StoreListing, QueryReadsTheFileAndARootThatCannotHoldTheStoreRefusesChanges) {
     PackageSource source;
     source.name = "query";
     source.info = {{"displayname", "Query Me"}, {"admin_port", "8080"}};
@@ -196,16 +196,18 @@ TEST_F(StoreListing, QueryReadsTheFileAndInitRefusesARootThatCannotHoldTheStore)
     EXPECT_FALSE(manager.installZPK(nullptr, "", ""));
     EXPECT_EQ(manager.getResult(), kBadArgument);
 
-    // The folders init makes are checked on a fresh root in StoreHostile.
     ASSERT_TRUE(manager.init());
     ASSERT_TRUE(manager.installZPK("/volume1", file.string(), ""));
     EXPECT_EQ(manager.enumPackages(nullptr, ~0ULL), Names{"query"});
 
-    // A root that cannot hold the store.
+    // A root that cannot hold the store reads as empty and refuses changes.
     TempRoot blocked;
+    blocked.addVolume(1);
     writeText(blocked.host("/var"), "not a directory");
     PackageManager other;
-    EXPECT_FALSE(other.init());
+    EXPECT_TRUE(other.init());
+    EXPECT_TRUE(other.enumPackages(nullptr, ~0ULL).empty());
+    EXPECT_FALSE(other.installZPK("/volume1", file.string(), ""));
     EXPECT_EQ(other.getResult(), kStoreUnusable);
 }
 

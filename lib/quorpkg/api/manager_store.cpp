@@ -56,16 +56,12 @@ PackageManager::~PackageManager() = default;
 
 bool PackageManager::init() {
     quor::Operation operation("init", "", state_->results, quor::LogPolicy::kOnFailure);
-    // The folders inside the root are made, never the root itself.
+    // Nothing is made here, not even inside the root: a read needs no
+    // folder (a missing one reads as empty), and each write makes the
+    // folders it writes into. So a run that only reads, or a mistyped
+    // command word, leaves the root as it was.
     if (!quor::rootExists())
         return quor::fail(quor::kStoreUnusable, quor::rootDir().string() + " does not exist");
-    std::error_code ec;
-    for (const fs::path& dir : quor::layout::requiredDirs()) {
-        fs::create_directories(dir, ec);
-        if (ec)
-            return quor::fail(quor::kStoreUnusable,
-                              "cannot create " + dir.string() + ": " + ec.message());
-    }
     // A change that was cut short is finished or undone now, unless some
     // process is in the middle of one (its own recovery comes first anyway).
     if (quor::anyJournalEntry()) {

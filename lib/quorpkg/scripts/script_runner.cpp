@@ -14,6 +14,7 @@
 #include "base/settings.h"
 #include "base/system_root.h"
 #include "quorpkg/scripts/process_group.h"
+#include "quorpkg/scripts/service_scope.h"
 
 namespace fs = std::filesystem;
 
@@ -80,10 +81,17 @@ ScriptOutcome runScript(const ScriptRun& run) {
     }
 
     SpawnRequest spawn;
-    spawn.program = run.script.string();
-    spawn.argv.push_back(spawn.program);
+    spawn.argv.push_back(run.script.string());
     spawn.argv.insert(spawn.argv.end(), run.args.begin(), run.args.end());
     spawn.env = scriptEnvironment(run);
+    if (run.startsService) {
+        if (std::optional<ScopedCommand> scoped =
+                inServiceScope(run.packageName, spawn.argv, spawn.env)) {
+            logPackageEvent(run.packageName, describeRun(run) + " runs in " + scoped->unit);
+            spawn.argv = std::move(scoped->argv);
+        }
+    }
+    spawn.program = spawn.argv.front();
     spawn.workDir = workingDirectory(run);
     spawn.stdoutFd = run.captureStdout ? writeEnd.get() : log.get();
     spawn.stderrFd = log.get();

@@ -22,6 +22,9 @@ struct ScriptRun {
     bool captureStdout = false;     // keep stdout in ScriptOutcome instead of the log
     int timeoutSeconds = 0;         // 0: the script_timeout setting
     bool lockHeld = true;           // QUOR_PKG_LOCK_HELD=1: the caller holds the store lock
+    // The start of the package's service: under systemd it runs in a scope
+    // unit of its own (service_scope.h), so its daemon outlives the caller's.
+    bool startsService = false;
 };
 
 struct ScriptOutcome {

@@ -138,8 +138,9 @@ private:
             packageStatus(name, {.askScript = request_.runScripts, .reportActive = false}) == kOk;
         if (!running) {
             if (request_.runScripts) {
-                int code = runPackageScript(name, kServiceScript, {"start"},
-                                            scriptRun(manifest.version, request_));
+                ScriptRun run = scriptRun(manifest.version, request_);
+                run.startsService = true;
+                int code = runPackageScript(name, kServiceScript, {"start"}, run);
                 if (code != kOk) {
                     setMark(layout::activeMark(name), false);
                     return code;
