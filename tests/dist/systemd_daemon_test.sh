@@ -111,9 +111,21 @@ printf '#!/bin/sh\n[ "$1" = start ] || exit 3\nsleep 600 &\nwait\n' \
 chmod 755 "$stuck_dir/scripts/start-stop-status"
 "$zpk" build "$stuck_dir" -o "$root/srv/stuck-1.0.zpk" >/dev/null ||
     { echo "FAIL: zpk build stuck"; exit 1; }
+# The upgrade comes from a trusted source, published as a publisher does.
 mv "$root/srv/ticker-1.1.zpk" "$root/srv/repo/"
-"$zpk" index "$root/srv/repo" >/dev/null || { echo "FAIL: zpk index"; exit 1; }
-echo "quorserver file:///srv/repo/" >"$root/etc/quorpkg/sources"
+(
+    cd "$work" || exit 1
+    for key in root timestamp catalog publisher; do "$zpk" keygen "$key" >/dev/null || exit 1; done
+    "$zpk" sign "$root/srv/repo/ticker-1.1.zpk" publisher.key >/dev/null &&
+        "$zpk" source new "$root/srv/repo" --id ticker-source --root-key root.pub \
+            --timestamp-key timestamp.pub --catalog-key catalog.pub \
+            --publisher 'publisher.pub=*' >/dev/null &&
+        "$zpk" root sign "$root/srv/repo/1.root.draft" root.key >/dev/null &&
+        "$zpk" release "$root/srv/repo" --catalog-key catalog.key \
+            --timestamp-key timestamp.key >/dev/null
+) || { echo "FAIL: zpk could not publish the source"; exit 1; }
+pin=$(sha256sum "$root/srv/repo/1.root" | cut -d' ' -f1)
+echo "quorserver file:///srv/repo/ root=$pin" >"$root/etc/quorpkg/sources"
 echo 'auto_upgrade="all"' >"$root/etc/quorpkg/settings"
 mkdir -p "$root/volume1"
 

@@ -79,8 +79,8 @@ TEST_F(ServerChannel, AnUnpinnedSourceIsNotUsedAndAnUnverifiedOneIsLogged) {
     writeText(layout::sourcesFile(), "quorserver " + server->url() + "\n");
     EXPECT_EQ(lookup("app"), "");
     EXPECT_EQ(lastResult(), kServerUnreachable);
-    EXPECT_TRUE(
-        logged({"sources:1: line skipped:", "no pinned root (root=<sha256>) and not marked unverified"}));
+    EXPECT_TRUE(logged(
+        {"sources:1: line skipped:", "no pinned root (root=<sha256>) and not marked unverified"}));
     const std::string link = server->url() + "app-1.0.zpk";
     ASSERT_TRUE(QUORPackageServer::BackgroundInstall("", "volume1", "app", "app", nullptr, false,
                                                      "enu", 0, link.c_str(), nullptr, true, false));

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -196,6 +197,62 @@ Task ServerTest::installFromServer(const std::string& name, const std::string& v
         entry["md5"].asCString(), true, beta);
     EXPECT_TRUE(accepted) << lastResult();
     return accepted ? waitForTask(name) : Task{};
+}
+
+std::string Nginx::binary() {
+    for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
+        if (::access(candidate, X_OK) == 0) return candidate;
+    return {};
+}
+
+// Listens on a port the kernel has just handed out and that is free again.
+Nginx::Nginx(const std::string& binary, const fs::path& dir, const std::string& extra)
+    : port_(ClosedPort().port()) {
+    const fs::path home = home_.path();
+    fs::create_directories(home / "temp");
+    std::string temps;
+    for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+        temps += std::string("  ") + kind + "_temp_path " + (home / "temp" / kind).string() + ";\n";
+    writeText(home / "nginx.conf",
+              "daemon off;\nmaster_process off;\nworker_processes 1;\n"
+              "pid " +
+                  (home / "nginx.pid").string() + ";\nerror_log " + (home / "error.log").string() +
+                  ";\nevents { worker_connections 64; }\nhttp {\n"
+                  "  log_format requests '$connection $status $bytes_sent \"$request\"';\n"
+                  "  access_log " +
+                  accessLog().string() + " requests;\n" + temps + "  server { listen 127.0.0.1:" +
+                  std::to_string(port_) + "; root " + dir.string() + ";\n" + extra + "\n  }\n}\n");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::execl(binary.c_str(), binary.c_str(), "-p", home.c_str(), "-e",
+                (home / "error.log").c_str(), "-c", (home / "nginx.conf").c_str(), nullptr);
+        ::_exit(127);
+    }
+    for (int i = 0; i < kPolls && !accepts(port_); ++i) std::this_thread::sleep_for(kPause);
+}
+
+Nginx::~Nginx() {
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+}
+
+std::vector<Nginx::Request> Nginx::requests() const {
+    std::vector<Request> out;
+    for (const std::string& line : textLines(readFile(accessLog()).value_or(""))) {
+        std::istringstream words(line);
+        Request request;
+        std::string method;
+        words >> request.connection >> request.status >> request.bytes >> method >> request.path;
+        out.push_back(request);
+    }
+    return out;
+}
+
+std::vector<int> Nginx::statuses() const {
+    std::vector<int> out;
+    for (const Request& request : requests()) out.push_back(request.status);
+    return out;
 }
 
 Task waitForTask(const std::string& name) {

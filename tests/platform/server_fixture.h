@@ -67,6 +67,42 @@ private:
     int port_ = 0;
 };
 
+// nginx in the foreground, one process, serving `dir` on 127.0.0.1 with a
+// configuration, pid and logs of its own in a temporary folder; `extra` is
+// added to its server block. Its access log has one line per request:
+// "<connection> <status> <bytes sent, headers included> <request line>".
+// Stopped and reaped with the object.
+class Nginx {
+public:
+    // The installed nginx, or "" when there is none.
+    static std::string binary();
+
+    Nginx(const std::string& binary, const fs::path& dir, const std::string& extra = "");
+    ~Nginx();
+    Nginx(const Nginx&) = delete;
+    Nginx& operator=(const Nginx&) = delete;
+
+    bool running() const { return accepts(port_); }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+    fs::path accessLog() const { return home_.path() / "access.log"; }
+
+    struct Request {
+        long connection = 0;
+        int status = 0;
+        uint64_t bytes = 0;
+        std::string path;
+    };
+    // Every request so far, in order.
+    std::vector<Request> requests() const;
+    // The HTTP status of every request so far, in order.
+    std::vector<int> statuses() const;
+
+private:
+    TempDir home_;
+    int port_;
+    pid_t pid_ = -1;
+};
+
 // Polls the task file until the task is done or failed (a bounded number of
 // polls; an unfinished task fails the test).
 Task waitForTask(const std::string& name);

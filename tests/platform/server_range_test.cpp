@@ -20,74 +20,10 @@
 namespace quor::test {
 namespace {
 
-std::string findNginx() {
-    for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
-        if (::access(candidate, X_OK) == 0) return candidate;
-    return {};
-}
-
-// nginx in the foreground, one process, serving `dir`; everything it writes
-// stays in a temporary folder. Stopped and reaped with the object.
-class Nginx {
-public:
-    // Listens on a port the kernel has just handed out and that is free again.
-    Nginx(const std::string& binary, const fs::path& dir) : port_(ClosedPort().port()) {
-        const fs::path home = home_.path();
-        fs::create_directories(home / "temp");
-        std::string temps;
-        for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
-            temps +=
-                std::string("  ") + kind + "_temp_path " + (home / "temp" / kind).string() + ";\n";
-        writeText(home / "nginx.conf",
-                  "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-                  "pid " +
-                      (home / "nginx.pid").string() +
-                      ";\n"
-                      "error_log " +
-                      (home / "error.log").string() +
-                      ";\n"
-                      "events { worker_connections 64; }\n"
-                      "http {\n  access_log " +
-                      accessLog().string() + ";\n" + temps + "  server { listen 127.0.0.1:" +
-                      std::to_string(port_) + "; root " + dir.string() + "; }\n}\n");
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::execl(binary.c_str(), binary.c_str(), "-p", home.c_str(), "-e",
-                    (home / "error.log").c_str(), "-c", (home / "nginx.conf").c_str(), nullptr);
-            ::_exit(127);
-        }
-        for (int i = 0; i < 200 && !accepts(port_); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ~Nginx() {
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    Nginx(const Nginx&) = delete;
-    Nginx& operator=(const Nginx&) = delete;
-
-    bool running() const { return accepts(port_); }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
-    fs::path accessLog() const { return home_.path() / "access.log"; }
-    // The HTTP status of every request so far, in order.
-    std::vector<int> statuses() const {
-        std::vector<int> out;
-        const std::string log = readFile(accessLog()).value_or("");
-        for (size_t at = 0; (at = log.find("HTTP/1.1\" ", at)) != std::string::npos; at += 10)
-            out.push_back(std::stoi(log.substr(at + 10, 3)));
-        return out;
-    }
-
-private:
-    TempDir home_;
-    int port_;
-    pid_t pid_ = -1;
-};
-
 using ServerRange = ServerTest;
 
 TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
-    const std::string nginx = findNginx();
+    const std::string nginx = Nginx::binary();
     if (nginx.empty()) GTEST_SKIP() << "nginx is not installed";
     PackageSource source = packageSource("big");
     source.files["share/noise"] = noiseBytes(300000, 3);

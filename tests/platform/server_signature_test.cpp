@@ -119,12 +119,12 @@ TEST_F(ServerSignature, DownloadsAreCheckedWithTheCatalogsSha256) {
     ASSERT_TRUE(QUORPackageServer::GetPackageInfoFromServer("app", entry, true, "enu", false));
     ASSERT_EQ(entry["sha256"].asString().size(), 64u);
 
-    PackageDownload download{"app",
-                             entry["link"].asString(),
-                             entry["size"].asUInt64(),
-                             entry["md5"].asString(),
-                             entry["sha256"].asString(),
-                             0};
+    PackageDownload download;
+    download.name = "app";
+    download.link = entry["link"].asString();
+    download.size = entry["size"].asUInt64();
+    download.md5 = entry["md5"].asString();
+    download.sha256 = entry["sha256"].asString();
     const fs::path dir = volume1 / "@tmp/quorpkg";
     fs::path got;
     ASSERT_EQ(fetchPackage(download, dir, nullptr, got), kOk);

@@ -317,3 +317,25 @@ int zpkTimestamp(int argc, char** argv) {
                 quor::formatUtc(options.now + options.timestampLifetime).c_str());
     return 0;
 }
+
+int zpkPhase(int argc, char** argv) {
+    CommandLine line{"phase DIR NAME VERSION PERCENT",
+                     "Offer an upgrade to NAME VERSION to PERCENT of devices from the next "
+                     "release on (0 halts\na rollout, 100 offers it to all); run zpk release "
+                     "afterwards."};
+    line.hidden.add_options()("dir", po::value<std::string>()->required())(
+        "name", po::value<std::string>()->required())(
+        "version", po::value<std::string>()->required())("percent", po::value<int>()->required());
+    line.operands.add("dir", 1).add("name", 1).add("version", 1).add("percent", 1);
+    if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
+    const fs::path dir(line.values["dir"].as<std::string>());
+    const std::string name = line.values["name"].as<std::string>();
+    const std::string version = line.values["version"].as<std::string>();
+    const int percent = line.values["percent"].as<int>();
+    std::string why;
+    if (quor::setPhase(dir, name, version, percent, why) != 0)
+        return zpkError(1, "%s", why.c_str());
+    std::printf("%s %s: offered to %d%% of devices from the next release\n", name.c_str(),
+                version.c_str(), percent);
+    return 0;
+}

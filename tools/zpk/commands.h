@@ -36,6 +36,8 @@ int zpkRoot(int argc, char** argv);
 int zpkRelease(int argc, char** argv);
 // zpk timestamp DIR ...: a re-signed timestamp, for cron.
 int zpkTimestamp(int argc, char** argv);
+// zpk phase DIR NAME VERSION PERCENT: channel.cpp, a staged rollout.
+int zpkPhase(int argc, char** argv);
 // zpk verify SOURCE --root SHA256: verify.cpp, a served source as devices see it.
 int zpkVerify(int argc, char** argv);
 // zpk contents FILE.zpk: contents.cpp

@@ -40,6 +40,8 @@ const Command kCommands[] = {
     {"timestamp", zpkTimestamp,
      "timestamp DIR --timestamp-key KEY\n"
      "                                   re-sign the source's timestamp (from cron)"},
+    {"phase", zpkPhase,
+     "phase DIR NAME VERSION PERCENT  offer an upgrade to a share of devices (staged rollout)"},
     {"verify", zpkVerify,
      "verify SOURCE --root SHA256      check a served source as a device walks it"},
 };

@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
+#include <sstream>
 #include <system_error>
 
 #include "base/file_util.h"
 #include "base/result.h"
 #include "quorpkg/package/catalog_index.h"
 #include "quorpkg/package/catalog_zstd.h"
+#include "quorpkg/package/manifest.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/package_file.h"
 
@@ -153,7 +156,43 @@ bool writeSmallerForms(const fs::path& dir, const std::string& text, int patches
     return true;
 }
 
+// The phases file as "<name> <version>" -> percent.
+std::map<std::string, int> readPhases(const fs::path& dir) {
+    std::map<std::string, int> out;
+    std::istringstream lines(readFile(dir / kPhasesFile).value_or(""));
+    std::string name, version;
+    int percent = 0;
+    while (lines >> name >> version >> percent) out[name + " " + version] = percent;
+    return out;
+}
+
+void applyPhases(const fs::path& dir, Json::Value& catalog) {
+    const std::map<std::string, int> phases = readPhases(dir);
+    for (Json::Value& entry : catalog["packages"]) {
+        auto phase = phases.find(entry["package"].asString() + " " + entry["version"].asString());
+        if (phase != phases.end()) entry["phase"] = phase->second;
+    }
+}
+
 }  // namespace
+
+int setPhase(const fs::path& dir, const std::string& name, const std::string& version, int percent,
+             std::string& why) {
+    if (percent < 0 || percent > 100)
+        return refuse(kBadArgument, why, "a phase is a percentage from 0 to 100");
+    if (!isValidPackageName(name) || !isValidVersion(version))
+        return refuse(kBadArgument, why, "not a package name and version: " + name + " " + version);
+    std::map<std::string, int> phases = readPhases(dir);
+    if (percent == 100)
+        phases.erase(name + " " + version);
+    else
+        phases[name + " " + version] = percent;
+    std::string text;
+    for (const auto& [key, value] : phases) text += key + " " + std::to_string(value) + "\n";
+    if (!writeFileAtomic(dir / kPhasesFile, text))
+        return refuse(kStoreUnusable, why, "cannot write " + (dir / kPhasesFile).string());
+    return kOk;
+}
 
 std::string rootFileName(uint64_t version) {
     return std::to_string(version) + ".root";
@@ -264,6 +303,7 @@ int releaseCatalog(const fs::path& dir, const ReleaseOptions& options, ReleaseOu
 
     Json::Value catalog;
     if (int code = buildCatalog(dir, catalog, &why)) return code;
+    applyPhases(dir, catalog);
     const std::string text = catalogText(catalog);
     CatalogRef ref;
     ref.lang = options.lang;

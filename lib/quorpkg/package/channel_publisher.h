@@ -73,6 +73,14 @@ struct ReleaseOutcome {
 int releaseCatalog(const std::filesystem::path& dir, const ReleaseOptions& options,
                    ReleaseOutcome& out, std::string& why);
 
+// The staged rollout of a package version: `percent` (0 to 100) of devices
+// are offered it as an upgrade from the next release on. Kept in the
+// folder's `phases` file ("<name> <version> <percent>" lines), which each
+// release applies to the catalog's entries; 100 removes the line.
+inline constexpr const char* kPhasesFile = "phases";
+int setPhase(const std::filesystem::path& dir, const std::string& name, const std::string& version,
+             int percent, std::string& why);
+
 // A new timestamp naming the same catalogs, for the publisher's cron job:
 // a timestamp expires within days, whether anything was released or not.
 int renewTimestamp(const std::filesystem::path& dir, const ReleaseOptions& options,

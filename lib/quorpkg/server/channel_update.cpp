@@ -28,6 +28,9 @@ namespace {
 constexpr int64_t kRootProbeInterval = 7 * 86400;
 // Roots walked in one query at the most.
 constexpr int kMaxRootSteps = 32;
+// A server's Retry-After is honoured for a day at the most: a hostile one
+// must not silence a device for longer than its daily check.
+constexpr int64_t kMaxRetryDelay = 86400;
 
 int fail(int code, std::string& why, std::string reason) {
     why = std::move(reason);
@@ -60,6 +63,7 @@ struct ChannelUpdate::Attempt {
     const Settings& settings;
     ChannelState next;
     const fs::path& keptFile;  // the list cache's copy of the kept catalog
+    int64_t& retryDelay;       // raised by a 429 or 503 with Retry-After
     int64_t now = nowSeconds();
     int64_t at = 0;  // the moment expiry is judged at
     bool probed = false;
@@ -72,6 +76,8 @@ struct ChannelUpdate::Attempt {
         options.deadlineSeconds = settings.fetch_timeout;
         FetchResult result = fetchText(base + name, text, maxBytes, options);
         if (answer) *answer = result;
+        if ((result.httpStatus == 429 || result.httpStatus == 503) && result.retryAfter > 0)
+            retryDelay = std::max(retryDelay, std::min(result.retryAfter, kMaxRetryDelay));
         if (result.ok() || result.status == FetchStatus::kNotModified) return kOk;
         why = base + name + ": " + result.error;
         return result.status == FetchStatus::kNotFound ? kNoSuchPackage : kServerUnreachable;
@@ -317,6 +323,11 @@ int ChannelUpdate::refresh(const std::string& keptCatalogSha, const fs::path& ke
     if (!dropped.empty())
         logOperation("channel state", source_.label(), Outcome{kStoreUnusable, dropped});
 
+    const int64_t now = nowSeconds();
+    if (state_.retryAfter > now)
+        return fail(
+            kServerUnreachable, why,
+            source_.label() + " asked not to be asked before " + formatUtc(state_.retryAfter));
     int code = kServerUnreachable;
     std::string reasons;
     for (const std::string& mirror : source_.urls) {
@@ -326,18 +337,26 @@ int ChannelUpdate::refresh(const std::string& keptCatalogSha, const fs::path& ke
         if (code == kOk) {
             view.mirror = mirror;
             out = std::move(view);
+            accepted_.retryAfter = 0;
             return kOk;
         }
         reasons += (reasons.empty() ? "" : "; ") + reason;
         why = reason;
     }
     if (source_.urls.size() > 1) why = "every mirror failed: " + reasons;
+    // Asked to come back later: nothing else of the kept state changes.
+    if (retryDelay_ > 0 && state_.root) {
+        ChannelState waiting = state_;
+        waiting.retryAfter = now + retryDelay_;
+        writeChannelState(waiting);
+        why += "; not asked again before " + formatUtc(waiting.retryAfter);
+    }
     return code;
 }
 
 int ChannelUpdate::attempt(const std::string& base, const std::string& keptCatalogSha,
                            const fs::path& keptCatalogFile, ChannelView& out, std::string& why) {
-    Attempt run{base, lang_, settings_, state_, keptCatalogFile};
+    Attempt run{base, lang_, settings_, state_, keptCatalogFile, retryDelay_};
     run.at = judgementTime(run.now, state_.issuedFloor, int64_t(settings_.expiry_slack) * 3600);
     if (!run.next.root)
         if (int code = run.firstRoot(why)) return code;

@@ -61,6 +61,7 @@ private:
     ChannelState accepted_;  // what refresh() accepted
     bool refreshed_ = false;
     int lockFd_ = -1;
+    int64_t retryDelay_ = 0;  // the longest Retry-After of a 429 or 503 this refresh met
 };
 
 }  // namespace quor

@@ -41,10 +41,9 @@ FetchOptions fetchOptions(const PackageDownload& download) {
     return options;
 }
 
-}  // namespace
-
-int fetchPackage(const PackageDownload& download, const fs::path& dir, const ProgressFn& progress,
-                 fs::path& file, std::string* error) {
+// One link of the download.
+int fetchOne(const PackageDownload& download, const fs::path& dir, const ProgressFn& progress,
+             fs::path& file, std::string* error) {
     std::error_code ec;
     fs::create_directories(dir, ec);
     if (ec) return failWith(kDownloadFailed, error, "cannot create " + dir.string());
@@ -95,6 +94,20 @@ int fetchPackage(const PackageDownload& download, const fs::path& dir, const Pro
     if (ec) return failWith(kDownloadFailed, error, "cannot rename " + part.string());
     file = done;
     return kOk;
+}
+
+}  // namespace
+
+int fetchPackage(const PackageDownload& download, const fs::path& dir, const ProgressFn& progress,
+                 fs::path& file, std::string* error) {
+    int code = fetchOne(download, dir, progress, file, error);
+    PackageDownload other = download;
+    for (const std::string& link : download.mirrorLinks) {
+        if (code == kOk || code == kServerUnreachable) break;
+        other.link = link;
+        code = fetchOne(other, dir, progress, file, error);
+    }
+    return code;
 }
 
 }  // namespace quor

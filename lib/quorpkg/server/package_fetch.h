@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "quorpkg/server/http_client.h"
 
@@ -17,6 +18,9 @@ struct PackageDownload {
     std::string md5;       // empty when not known
     std::string sha256;    // empty when not known
     int64_t deadline = 0;  // seconds since the epoch by which it must be done; 0: none
+    // The same file on the source's other mirrors, asked in turn when a
+    // download fails or does not verify.
+    std::vector<std::string> mirrorLinks;
 };
 
 // Downloads are expected at this rate at least: a package's request may

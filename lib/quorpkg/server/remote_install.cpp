@@ -11,6 +11,7 @@
 #include "base/utc_time.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/server/catalog.h"
+#include "quorpkg/server/http_client.h"
 #include "quorpkg/server/requirements.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/installer.h"
@@ -171,6 +172,12 @@ bool remotePackageOf(const Offer& offer, RemotePackage& out) {
     out = RemotePackage{};
     out.download.name = entryText(entry, "package");
     out.download.link = resolvedLink(offer);
+    // A relative link is the same file on every mirror of the source.
+    const std::string link = entryText(entry, "link");
+    if (urlScheme(link).empty())
+        for (size_t i = 1; i < offer.source->urls.size(); ++i)
+            if (std::string other = resolveUrl(offer.source->urls[i], link); !other.empty())
+                out.download.mirrorLinks.push_back(std::move(other));
     out.download.md5 = entryString(entry, "md5");
     out.download.sha256 = entryString(entry, "sha256");
     if (entry["size"].isUInt64()) out.download.size = entry["size"].asUInt64();

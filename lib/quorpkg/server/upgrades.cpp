@@ -2,8 +2,10 @@
 
 #include "base/package_log.h"
 #include "base/result.h"
+#include "base/settings.h"
 #include "quorpkg/package/version.h"
 #include "quorpkg/server/remote_install.h"
+#include "quorpkg/server/rollout.h"
 #include "quorpkg/server/volume_choice.h"
 #include "quorpkg/service/firmware_limits.h"
 #include "quorpkg/store/dependencies.h"
@@ -13,11 +15,17 @@
 namespace quor {
 namespace {
 
+// The newest version offered to this device that is newer than installed:
+// betas only over a beta, not one the firmware limit blocks, not one whose
+// staged rollout has not reached this device yet.
 bool upgradeOver(const Offers& offers, const std::string& name, const std::string& version,
-                 bool beta, const FirmwareLimits& limits, UpgradeOffer& out) {
+                 bool beta, const FirmwareLimits& limits, const Settings& settings,
+                 UpgradeOffer& out) {
     for (const Offer& offer : offers.all(name)) {
         if (compareVersions(offer.version, version) <= 0) return false;
-        if ((offer.beta && !beta) || limits.status(name, offer.version) != 0) continue;
+        if ((offer.beta && !beta) || limits.status(name, offer.version) != 0 ||
+            !offeredToThisDevice(*offer.entry, name, offer.version, settings))
+            continue;
         out.link = resolvedLink(offer);
         if (out.link.empty()) continue;
         out.entry = offer.entry;
@@ -34,17 +42,19 @@ bool upgradeOver(const Offers& offers, const std::string& name, const std::strin
 bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& out) {
     Manifest manifest;
     return readInstalledManifest(name, manifest) == kOk &&
-           upgradeOver(offers, name, manifest.version, manifest.beta, FirmwareLimits::load(), out);
+           upgradeOver(offers, name, manifest.version, manifest.beta, FirmwareLimits::load(),
+                       loadSettings(), out);
 }
 
 std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
                                        const std::vector<IndexedPackage>& installed) {
     std::vector<UpgradeOffer> out;
     const FirmwareLimits limits = FirmwareLimits::load();
+    const Settings settings = loadSettings();
     for (const IndexedPackage& package : installed) {
         UpgradeOffer upgrade;
-        if (package.readable &&
-            upgradeOver(offers, package.name, package.version, package.beta, limits, upgrade))
+        if (package.readable && upgradeOver(offers, package.name, package.version, package.beta,
+                                            limits, settings, upgrade))
             out.push_back(std::move(upgrade));
     }
     return out;
