@@ -20,7 +20,7 @@ namespace {
 constexpr int64_t kDay = 86400;
 
 void addKey(SourceRoot& root, const SigningKey& key) {
-    root.keys.emplace(key.id(), key);
+    root.keys.emplace(key.id(), key.rawPublic());
 }
 
 }  // namespace

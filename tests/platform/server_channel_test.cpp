@@ -325,7 +325,7 @@ TEST_F(ServerChannel, AStolenTimestampKeyIsRotatedOut) {
     channel->timestampKey = newKey();
     channel->rotate([&](SourceRoot& root) {
         root.keys.erase(stolen.id());
-        root.keys.emplace(channel->timestampKey.id(), channel->timestampKey);
+        root.keys.emplace(channel->timestampKey.id(), channel->timestampKey.rawPublic());
         root.timestamp = RoleKeys{1, {channel->timestampKey.id()}};
     });
     channel->renew();

@@ -41,7 +41,7 @@ void addRoleOptions(CommandLine& line) {
 }
 
 bool addKey(quor::SourceRoot& root, const quor::SigningKey& key) {
-    root.keys.emplace(key.id(), key);
+    root.keys.emplace(key.id(), key.rawPublic());
     return true;
 }
 

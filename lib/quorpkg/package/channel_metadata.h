@@ -93,7 +93,10 @@ struct CatalogSeal {
 // Each file's content read from its text; nothing, with the reason, when it
 // is not a well-formed file of its kind. Lines of unknown fields are passed
 // over, so that a later publisher tool can add some.
-std::optional<SourceRoot> readRoot(std::string_view text, std::string& why);
+// `checkKeyIds` false skips what needs libcrypto, for a root the device
+// checked when it kept it.
+std::optional<SourceRoot> readRoot(std::string_view text, std::string& why,
+                                   bool checkKeyIds = true);
 std::optional<SourceTimestamp> readTimestamp(std::string_view text, std::string& why);
 std::optional<CatalogSeal> readCatalogSeal(std::string_view text, std::string& why);
 

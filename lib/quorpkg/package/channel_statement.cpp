@@ -146,8 +146,10 @@ std::vector<std::string> verifiedSigners(const ChannelStatement& statement,
         if (std::find(keyIds.begin(), keyIds.end(), signature.keyId) == keyIds.end() ||
             std::find(out.begin(), out.end(), signature.keyId) != out.end())
             continue;
-        auto key = keys.find(signature.keyId);
-        if (key != keys.end() && key->second.verify(statement.signedText, signature.signature))
+        auto raw = keys.find(signature.keyId);
+        if (raw == keys.end()) continue;
+        std::optional<SigningKey> key = SigningKey::fromRawPublic(raw->second);
+        if (key && key->verify(statement.signedText, signature.signature))
             out.push_back(signature.keyId);
     }
     return out;

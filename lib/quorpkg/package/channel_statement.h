@@ -63,8 +63,9 @@ std::string statementTitle(ChannelKind kind);
 // signed already is refused; empty when the key cannot sign.
 std::string addSignature(std::string_view text, const SigningKey& key, std::string& why);
 
-// The keys of a root by id.
-using KeyTable = std::map<std::string, SigningKey, std::less<>>;
+// The public keys of a root by id, as their raw 32 bytes: made into keys
+// only to verify, so that reading a kept root needs no libcrypto.
+using KeyTable = std::map<std::string, std::string, std::less<>>;
 
 // The distinct keys among `keyIds` whose signature over the statement
 // verifies with that key of `keys` (a key not in the table counts for

@@ -84,9 +84,10 @@ int checkPublisherSignature(const PackageFileHead& head, std::string_view what,
               " does not allow for " + head.manifest.name;
         return kTrustRefused;
     }
-    auto key = root.keys.find(id);
-    if (key == root.keys.end() ||
-        !key->second.verify(head.signature->statement, head.signature->signature))
+    auto raw = root.keys.find(id);
+    std::optional<SigningKey> key =
+        raw == root.keys.end() ? std::nullopt : SigningKey::fromRawPublic(raw->second);
+    if (!key || !key->verify(head.signature->statement, head.signature->signature))
         return distrust(why, name + ": the signature by key " + id + " does not verify");
     return kOk;
 }

@@ -81,7 +81,8 @@ ChannelState readChannelState(const std::string& pin, std::string& why) {
     std::optional<std::string> rootText =
         rootVersion ? readRegularFile(dir / rootName(*rootVersion)) : std::nullopt;
     std::string problem;
-    std::optional<SourceRoot> root = rootText ? readRoot(*rootText, problem) : std::nullopt;
+    // Checked in full when it was kept: read without loading libcrypto.
+    std::optional<SourceRoot> root = rootText ? readRoot(*rootText, problem, false) : std::nullopt;
     if (!root || root->version != *rootVersion)
         return dropped("its root cannot be read " + problem);
     state.root = std::make_shared<const SourceRoot>(std::move(*root));
