@@ -29,6 +29,21 @@ std::string utcStamp() {
     return stamp;
 }
 
+// The line, stamped, in the file; the same words in the system log.
+void writeLine(const std::string& line, int priority) {
+    const std::filesystem::path file = operationLogFile();
+    // A root that does not exist is refused, never created, not even by its log.
+    if (rootExists()) {
+        std::error_code ec;
+        std::filesystem::create_directories(file.parent_path(), ec);
+        appendCapped(file, utcStamp() + " [" + std::to_string(::getpid()) + "] " + line + "\n",
+                     kOperationLogCap);
+    }
+    // No openlog: its name and options are the process's, and the tool's own
+    // lines keep theirs.
+    ::syslog(priority | LOG_USER, "%s", line.c_str());
+}
+
 }  // namespace
 
 std::filesystem::path operationLogFile() {
@@ -42,18 +57,15 @@ std::string operationLine(const std::string& name, const std::string& package,
 }
 
 void logOperation(const std::string& name, const std::string& package, const Outcome& outcome) {
-    const std::string line = operationLine(name, package, outcome);
-    const std::filesystem::path file = operationLogFile();
-    // A root that does not exist is refused, never created, not even by its log.
-    if (rootExists()) {
-        std::error_code ec;
-        std::filesystem::create_directories(file.parent_path(), ec);
-        appendCapped(file, utcStamp() + " [" + std::to_string(::getpid()) + "] " + line + "\n",
-                     kOperationLogCap);
+    writeLine(operationLine(name, package, outcome), outcome.code == kOk ? LOG_INFO : LOG_WARNING);
+}
+
+void logPackageChange(const std::string& name, const std::string& what) {
+    try {
+        writeLine("package " + printable(name) + ": " + printable(what), LOG_NOTICE);
+    } catch (...) {
+        // The history is worth a line, never a failed change.
     }
-    // No openlog: its name and options are the process's, and the tool's own
-    // lines keep theirs.
-    ::syslog((outcome.code == kOk ? LOG_INFO : LOG_WARNING) | LOG_USER, "%s", line.c_str());
 }
 
 }  // namespace quor

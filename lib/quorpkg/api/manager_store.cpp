@@ -118,8 +118,9 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
     return quor::isInstalled(name) || quor::fail(quor::kNoSuchPackage, "not installed");
 }
 
-bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& out,
+bool PackageManager::queryPackageFileInfo(const std::string& typed, PackageInfo& out,
                                           PKG_INSTALLATION_TYPE, const char*) {
+    const std::string path = quor::absolutePath(typed);
     quor::Operation operation("queryPackageFileInfo", path, quor::freeFunctionResults(),
                               quor::LogPolicy::kOnFailure);
     if (path.empty()) return quor::fail(quor::kBadArgument, "no package file named");
@@ -146,7 +147,9 @@ bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
     return code == quor::kOk || quor::fail(code);
 }
 
-bool PackageManager::installZPK(const char* volume, std::string path, const std::string&) {
+bool PackageManager::installZPK(const char* volume, std::string typed, const std::string&) {
+    // The log names the file wherever the command ran.
+    const std::string path = quor::absolutePath(typed);
     quor::Operation operation("installZPK", path, state_->results, quor::LogPolicy::kAlways);
     if (path.empty()) return quor::fail(quor::kBadArgument, "no package file named");
     quor::InstallRequest request;

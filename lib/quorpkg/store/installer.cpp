@@ -1,15 +1,16 @@
 #include "quorpkg/store/installer.h"
 
-#include <cerrno>
 #include <system_error>
 
 #include "base/file_util.h"
 #include "base/layout.h"
+#include "base/operation_log.h"
 #include "base/package_log.h"
 #include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/package/package_file.h"
 #include "quorpkg/package/trust.h"
+#include "quorpkg/package/version.h"
 #include "quorpkg/store/commit.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
@@ -22,11 +23,6 @@ namespace fs = std::filesystem;
 
 namespace quor {
 namespace {
-
-int ioFailure(const std::error_code& ec) {
-    const int err = ec.value();
-    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kNoSpace : kStoreUnusable;
-}
 
 // One install or upgrade, from the checks to the start of the new package.
 class Installation {
@@ -56,9 +52,8 @@ public:
         if (code != kOk) return undo(code);
         failpoint("install-finish");
         finishInstall(change_);
-        logPackageEvent(name(), upgrade()
-                                    ? "upgraded from version " + oldVersion_ + " to " + version()
-                                    : "installed version " + version());
+        logPackageEvent(name(), changeWords());
+        logPackageChange(name(), changeWords());
         startAfterwards();
         return kOk;
     }
@@ -67,6 +62,16 @@ private:
     const std::string& name() const { return head_.manifest.name; }
     const std::string& version() const { return head_.manifest.version; }
     bool upgrade() const { return change_.op == "upgrade"; }
+
+    // What the change did, as the package log and the history say it.
+    std::string changeWords() const {
+        if (!upgrade()) return "installed " + version();
+        if (oldVersion_.empty()) return "installed " + version() + " over a broken package";
+        const int order = compareVersions(version(), oldVersion_);
+        if (order == 0) return "reinstalled " + version();
+        return (order > 0 ? "upgraded from " : "downgraded from ") + oldVersion_ + " to " +
+               version();
+    }
 
     // Everything that can refuse the package, before anything is written.
     int prepare() {
@@ -129,7 +134,8 @@ private:
         fs::create_symlink(targetLinkText(change_.volume, name()), paths_.packageNew / "target",
                            ec);
         if (!ec && !upgrade()) fs::create_directory(paths_.packageNew / "var", ec);
-        if (ec) return refuse(ioFailure(ec), "cannot stage " + name() + ": " + ec.message());
+        if (ec)
+            return refuse(writeFailure(ec.value()), "cannot stage " + name() + ": " + ec.message());
         if (wasEnabled_ && !writeFileAtomic(paths_.packageNew / "enabled", ""))
             return refuse(kStoreUnusable,
                           "cannot write " + (paths_.packageNew / "enabled").string());
@@ -220,6 +226,7 @@ private:
             fs::remove(layout::enabledFlag(name()), ec);
             logPackageEvent(name(), "installed but could not be started (" + std::to_string(code) +
                                         "); turned off");
+            logPackageChange(name(), "start failed (" + std::to_string(code) + "), turned off");
         }
     }
 
