@@ -28,6 +28,7 @@ Path logFile(const std::string& name) { return hostPath("/var/log/packages") / (
 Path lockFile() { return hostPath("/run/quorpkg/lock"); }
 Path activeMark(const std::string& name) { return hostPath("/run/quorpkg/active") / name; }
 Path taskFile(const std::string& name) { return hostPath("/run/quorpkg/tasks") / (name + ".json"); }
+Path runningScriptsDir() { return hostPath("/run/quorpkg/scripts"); }
 Path listDir() { return hostPath("/var/cache/quorpkg/list"); }
 Path settingsFile() { return hostPath("/etc/quorpkg/settings"); }
 Path sourcesFile() { return hostPath("/etc/quorpkg/sources"); }

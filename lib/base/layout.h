@@ -25,6 +25,7 @@ Path logFile(const std::string& name);  // /var/log/packages/<name>.log
 Path lockFile();                        // /run/quorpkg/lock
 Path activeMark(const std::string& name);  // /run/quorpkg/active/<name>
 Path taskFile(const std::string& name);    // /run/quorpkg/tasks/<name>.json
+Path runningScriptsDir();                  // /run/quorpkg/scripts
 Path listDir();                            // /var/cache/quorpkg/list
 Path settingsFile();                       // /etc/quorpkg/settings
 Path sourcesFile();                        // /etc/quorpkg/sources

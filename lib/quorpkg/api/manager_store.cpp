@@ -11,6 +11,7 @@
 #include "pkg_manager.h"
 #include "quorpkg/api/package_record.h"
 #include "quorpkg/package/package_file.h"
+#include "quorpkg/scripts/script_record.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/installed_index.h"
@@ -66,9 +67,10 @@ bool PackageManager::init() {
             return quor::fail(quor::kStoreUnusable,
                               "cannot create " + dir.string() + ": " + ec.message());
     }
-    // A change that was cut short is finished or undone now, unless some
-    // process is in the middle of one (its own recovery comes first anyway).
-    if (quor::anyJournalEntry()) {
+    // A change that was cut short is finished or undone now, and what its
+    // script left running is ended, unless some process is in the middle of
+    // one (its own recovery comes first anyway).
+    if (quor::anyJournalEntry() || quor::anyRecordedScript()) {
         if (auto lock = quor::StoreLock::tryAcquireFresh()) quor::recoverUnfinishedChange();
     }
     state_->initialized = true;

@@ -103,13 +103,18 @@ void closeOthers(int keep) {
 // allocates or locks, since another thread of the parent may have held a
 // lock at the fork.
 [[noreturn]] void execChild(const SpawnRequest& request, char* const* argv, char* const* env,
-                            pid_t parent, int report) {
+                            pid_t parent, int report, int go) {
     auto fail = [report](int err) { failChild(report, err); };
     if (::setpgid(0, 0) != 0) fail(errno);
     // The script dies with the thread that started it: when the process
     // running a change is killed, its script does not go on alone.
     if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) fail(errno);
     if (::getppid() != parent) ::_exit(127);
+    // The parent's word that it is ready for the program to run.
+    char byte = 0;
+    ssize_t got;
+    while (go >= 0 && (got = ::read(go, &byte, 1)) != 1)
+        if (got == 0 || errno != EINTR) ::_exit(127);
     struct sigaction defaults {};
     defaults.sa_handler = SIG_DFL;
     for (int sig = 1; sig < NSIG; ++sig) ::sigaction(sig, &defaults, nullptr);
@@ -168,22 +173,40 @@ std::optional<ProcessGroup> ProcessGroup::spawn(const SpawnRequest& request, int
         error = errno;
         return std::nullopt;
     }
+    UniqueFd goRead, goWrite;
+    if (request.beforeRun) {
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            error = errno;
+            return std::nullopt;
+        }
+        goRead = UniqueFd(ends[0]);
+        goWrite = UniqueFd(ends[1]);
+    }
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
         error = errno;
         return std::nullopt;
     }
-    if (pid == 0) execChild(request, argv.data(), env.data(), parent, reportWrite.get());
+    if (pid == 0)
+        execChild(request, argv.data(), env.data(), parent, reportWrite.get(), goRead.get());
     // Set here too, so that the group exists whichever of the two runs first.
     ::setpgid(pid, pid);
+    ProcessGroup child(pid);
     reportWrite = UniqueFd();
+    if (request.beforeRun) {
+        request.beforeRun(pid);
+        const char go = 1;
+        if (::write(goWrite.get(), &go, 1) != 1) {
+            error = errno;
+            return std::nullopt;
+        }
+    }
     // The report closes unread once the program is running.
     int childError = 0;
     ssize_t n;
     while ((n = ::read(reportRead.get(), &childError, sizeof childError)) < 0 && errno == EINTR) {
     }
-    ProcessGroup child(pid);
     if (n == static_cast<ssize_t>(sizeof childError)) {
         error = childError;
         return std::nullopt;  // the group is killed and reaped with `child`

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ struct SpawnRequest {
     std::string workDir;
     int stdoutFd = -1;  // dup'ed onto 1; -1: /dev/null
     int stderrFd = -1;  // dup'ed onto 2; -1: /dev/null
+    // When set, called with the new process group's id before the program
+    // starts: what it records exists for as long as the program runs.
+    std::function<void(pid_t)> beforeRun;
 };
 
 class ProcessGroup {

@@ -14,6 +14,7 @@
 #include "base/settings.h"
 #include "base/system_root.h"
 #include "quorpkg/scripts/process_group.h"
+#include "quorpkg/scripts/script_record.h"
 
 namespace fs = std::filesystem;
 
@@ -87,6 +88,14 @@ ScriptOutcome runScript(const ScriptRun& run) {
     spawn.workDir = workingDirectory(run);
     spawn.stdoutFd = run.captureStdout ? writeEnd.get() : log.get();
     spawn.stderrFd = log.get();
+
+    // Under the lock, a change is under way: should this process be killed,
+    // the next one to take the lock ends what the script left running.
+    std::optional<ScriptRecord> record;
+    if (run.lockHeld)
+        spawn.beforeRun = [&](pid_t pgid) {
+            record.emplace(pgid, run.packageName, describeRun(run));
+        };
 
     int error = 0;
     std::optional<ProcessGroup> child = ProcessGroup::spawn(spawn, error);

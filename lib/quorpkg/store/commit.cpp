@@ -9,6 +9,7 @@
 #include "base/layout.h"
 #include "base/operation_log.h"
 #include "base/result.h"
+#include "quorpkg/scripts/script_record.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/installed_index.h"
 #include "quorpkg/store/installer.h"
@@ -197,6 +198,12 @@ static void logRecovery(const Change& change, const char* outcome) {
 }
 
 void recoverUnfinishedChange() {
+    // What a killed change's script started must not go on beside the
+    // recovery, nor after it.
+    for (const EndedScript& script : endAbandonedScripts())
+        logPackageChange(script.package, "ended " + script.script + " (process group " +
+                                             std::to_string(script.processGroup) +
+                                             "), left running by a killed process");
     removeJournalLeftovers();
     for (const std::string& name : pendingJournals()) {
         Change change;
