@@ -17,6 +17,7 @@ Path enabledFlag(const std::string& name) { return packageDir(name) / "enabled";
 Path scriptsDir(const std::string& name) { return packageDir(name) / "scripts"; }
 Path targetLink(const std::string& name) { return packageDir(name) / "target"; }
 Path varDir(const std::string& name) { return packageDir(name) / "var"; }
+Path confDir(const std::string& name) { return packageDir(name) / "conf"; }
 Path journalDir() { return packagesDir() / ".journal"; }
 
 Path appstoreDir(const Path& volume, const std::string& name) {

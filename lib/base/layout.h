@@ -16,6 +16,7 @@ Path enabledFlag(const std::string& name);   // .../enabled
 Path scriptsDir(const std::string& name);    // .../scripts
 Path targetLink(const std::string& name);    // .../target -> /<volume>/@appstore/<name>
 Path varDir(const std::string& name);        // .../var
+Path confDir(const std::string& name);       // .../conf
 Path journalDir();                           // /var/packages/.journal
 
 Path appstoreDir(const Path& volume, const std::string& name);  // <volume>/@appstore/<name>

@@ -29,6 +29,7 @@ std::vector<std::string> scriptEnvironment(const ScriptRun& run) {
         "QUOR_PKG_VERSION=" + run.packageVersion,
         "QUOR_PKG_TARGET=" + run.target.string(),
         "QUOR_PKG_VAR=" + layout::varDir(run.packageName).string(),
+        "QUOR_PKG_CONF=" + layout::confDir(run.packageName).string(),
         "QUOR_PKG_LOG=" + layout::logFile(run.packageName).string(),
         "QUOR_PKG_EVENT=" + run.event,
         "QUOR_PKG_PARAM=" + run.param,

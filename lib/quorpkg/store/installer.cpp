@@ -12,6 +12,7 @@
 #include "quorpkg/package/trust.h"
 #include "quorpkg/package/version.h"
 #include "quorpkg/store/commit.h"
+#include "quorpkg/store/conf_files.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/install_checks.h"
@@ -37,7 +38,12 @@ public:
             return refuse(kStoreUnusable, "cannot write the journal of " + name());
         code = stage();
         if (code == kOk) code = runPreScript();
+        // After preupgrade: what it changed in the installed conf/ counts
+        // as the administrator's.
+        if (code == kOk)
+            code = stageConfFiles(paths_.package, paths_.packageNew, upgrade(), confNotes_);
         if (code == kOk) {
+            flushStaging(paths_);
             failpoint("install-staged");
             change_.step = "commit";
             if (!writeJournal(change_))
@@ -52,8 +58,13 @@ public:
         if (code != kOk) return undo(code);
         failpoint("install-finish");
         finishInstall(change_);
-        logPackageEvent(name(), changeWords());
-        logPackageChange(name(), changeWords());
+        std::string change = changeWords();
+        logPackageEvent(name(), change);
+        for (const std::string& note : confNotes_) {
+            logPackageEvent(name(), note);
+            change += "; " + note;
+        }
+        logPackageChange(name(), change);
         startAfterwards();
         return kOk;
     }
@@ -139,7 +150,6 @@ private:
         if (wasEnabled_ && !writeFileAtomic(paths_.packageNew / "enabled", ""))
             return refuse(kStoreUnusable,
                           "cannot write " + (paths_.packageNew / "enabled").string());
-        flushStaging(paths_);
         return kOk;
     }
 
@@ -239,6 +249,7 @@ private:
     bool wasEnabled_ = false;
     bool stoppedOld_ = false;
     std::vector<std::string> stoppedDependents_;
+    std::vector<std::string> confNotes_;  // conf files where the new version did not go in
 };
 
 }  // namespace
