@@ -30,8 +30,10 @@ std::string findNginx() {
 // stays in a temporary folder. Stopped and reaped with the object.
 class Nginx {
 public:
-    // Listens on a port the kernel has just handed out and that is free again.
-    Nginx(const std::string& binary, const fs::path& dir) : port_(ClosedPort().port()) {
+    // Listens on a port the kernel has just handed out and that is free
+    // again; `directives` go into its server block.
+    Nginx(const std::string& binary, const fs::path& dir, const std::string& directives = "")
+        : port_(ClosedPort().port()) {
         const fs::path home = home_.path();
         fs::create_directories(home / "temp");
         std::string temps;
@@ -48,8 +50,9 @@ public:
                       ";\n"
                       "events { worker_connections 64; }\n"
                       "http {\n  access_log " +
-                      accessLog().string() + ";\n" + temps + "  server { listen 127.0.0.1:" +
-                      std::to_string(port_) + "; root " + dir.string() + "; }\n}\n");
+                      accessLog().string() + ";\n" + temps +
+                      "  server { listen 127.0.0.1:" + std::to_string(port_) + "; root " +
+                      dir.string() + "; " + directives + " }\n}\n");
         pid_ = ::fork();
         if (pid_ == 0) {
             ::execl(binary.c_str(), binary.c_str(), "-p", home.c_str(), "-e",
@@ -59,9 +62,11 @@ public:
         for (int i = 0; i < 200 && !accepts(port_); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    ~Nginx() {
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
+    ~Nginx() { stop(SIGTERM); }
+    // SIGKILL drops every connection halfway, as a crash or a cut cable does.
+    void stop(int signal) {
+        if (pid_ > 0 && ::kill(pid_, signal) == 0) ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
     }
     Nginx(const Nginx&) = delete;
     Nginx& operator=(const Nginx&) = delete;
@@ -139,6 +144,31 @@ TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
     EXPECT_NE(std::find(last.begin(), last.end(), 416), last.end());
     EXPECT_EQ(last.back(), 200);
     EXPECT_TRUE(staged(volume1).empty());
+
+    // A download cut off halfway keeps its part, and the next try, from
+    // another server, continues it.
+    ASSERT_EQ(removePackages({"big"}, serviceHooks()), kOk);
+    Nginx slow(nginx, repo, "limit_rate_after 100k; limit_rate 2k;");
+    ASSERT_TRUE(slow.running());
+    writeText(layout::sourcesFile(), "quorserver " + slow.url() + "\n");
+    std::jthread cut([&] {
+        std::error_code ec;
+        for (int i = 0; i < 1000; ++i) {
+            const uintmax_t have = fs::file_size(part, ec);
+            if (!ec && have >= (100u << 10)) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        slow.stop(SIGKILL);
+    });
+    task = installFromServer("big", "volume1");
+    cut.join();
+    EXPECT_EQ(task.code, kDownloadFailed) << task.message;
+    ASSERT_TRUE(fs::exists(part));
+    EXPECT_GE(fs::file_size(part), 100u << 10);
+    writeText(layout::sourcesFile(), "quorserver " + web.url() + "\n");
+    task = installFromServer("big", "volume1");
+    ASSERT_EQ(task.state, "done") << task.message;
+    EXPECT_EQ(transfers().back(), 206);
 }
 
 }  // namespace
