@@ -1,6 +1,5 @@
 #include "quorpkg/store/conf_files.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,25 +22,6 @@ using Digests = std::map<std::string, std::string>;
 
 constexpr const char* kNewSuffix = ".quorpkg-new";
 constexpr const char* kOldSuffix = ".quorpkg-old";
-
-// The sha256 of a regular file, never through a link; nothing for anything
-// else, or when it cannot be read or hashed.
-std::optional<std::string> fileSha256(const fs::path& file) {
-    UniqueFd fd = openRegularFile(file, O_RDONLY);
-    if (!fd) return std::nullopt;
-    Sha256 digest;
-    char buffer[1 << 16];
-    for (;;) {
-        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return std::nullopt;
-        if (n == 0) break;
-        digest.update(buffer, static_cast<size_t>(n));
-    }
-    std::string hex = digest.hex();
-    if (hex.empty()) return std::nullopt;
-    return hex;
-}
 
 // sha256sum's lines, "<hex>  conf/<path>"; a name holding a backslash is
 // escaped as sha256sum escapes it (conf names hold no newlines).
@@ -149,7 +129,7 @@ public:
             }
             return;
         }
-        const std::optional<std::string> currentSha256 = fileSha256(current);
+        const std::optional<std::string> currentSha256 = regularFileSha256(current);
         if (currentSha256 == newSha256) return;
         if (oldSha256 && currentSha256 == *oldSha256) return;  // unchanged here
         if (oldSha256 && *oldSha256 == newSha256) {
@@ -172,7 +152,7 @@ public:
         const std::string name = "conf/" + path;
         const std::string* oldSha256 = recorded(path);
         // The package's own file, unchanged and no longer shipped, goes.
-        if (oldSha256 && fileSha256(current) == *oldSha256) return;
+        if (oldSha256 && regularFileSha256(current) == *oldSha256) return;
         fs::path staged = staged_ / path;
         if (present(staged)) {
             // An older .quorpkg-new gives way to the one just made.
@@ -220,7 +200,7 @@ int stageConfFiles(const fs::path& installed, const fs::path& staged, bool upgra
     std::error_code ec;
     Digests shipped;
     for (const std::string& path : entriesUnder(staged / "conf", ec)) {
-        std::optional<std::string> sha256 = fileSha256(staged / "conf" / path);
+        std::optional<std::string> sha256 = regularFileSha256(staged / "conf" / path);
         if (!sha256) return refuse(kStoreUnusable, "cannot read the staged conf/" + path);
         shipped[path] = *sha256;
     }
