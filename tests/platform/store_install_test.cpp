@@ -155,12 +155,13 @@ TEST_F(StoreInstall, UpgradeKeepsTheAdministratorsConfFilesAsDpkgKeepsConffiles)
     fs::remove(conf / "gone2.conf");
     writeText(conf / "sub/edited.conf", "mine");
     writeText(conf / "local.conf", "mine");
+    writeText(conf / "later", "mine");
     EXPECT_NE(std::system(check.c_str()), 0);
 
     PackageSource v2 = v1;
     v2.version = "2.0";
-    v2.conf = {{"kept.conf", "1"}, {"both.conf", "2"},  {"new.conf", "2"},
-               {"gone.conf", "1"}, {"gone2.conf", "2"}, {"added.conf", "2"}};
+    v2.conf = {{"kept.conf", "1"},  {"both.conf", "2"},  {"new.conf", "2"},    {"gone.conf", "1"},
+               {"gone2.conf", "2"}, {"added.conf", "2"}, {"later/a.conf", "2"}};
     ASSERT_EQ(install(v2), kOk);
     std::map<std::string, std::string> files;
     for (const auto& entry : fs::recursive_directory_iterator(conf))
@@ -174,6 +175,8 @@ TEST_F(StoreInstall, UpgradeKeepsTheAdministratorsConfFilesAsDpkgKeepsConffiles)
                          {"gone2.conf.quorpkg-new", "2"},  // deleted here, changed there
                          {"sub/edited.conf", "mine"},      // no longer shipped, changed here
                          {"local.conf", "mine"},           // never the package's
+                         {"later.quorpkg-old", "mine"},    // where the package has a folder now
+                         {"later/a.conf", "2"},
                          {"added.conf", "2"}}));
     EXPECT_EQ(fs::status(conf / "kept.conf").permissions(), fs::perms(0600));
     // Recorded as the package shipped them.

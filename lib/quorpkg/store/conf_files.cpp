@@ -141,34 +141,35 @@ public:
         // Changed on both sides, or no record to tell: theirs stays, the
         // package's lands beside it. A folder here comes over with the rest.
         setAside(staged);
-        if (!ec_ && !fs::is_directory(fs::symlink_status(current))) copyEntry(current, staged, ec_);
+        std::error_code ignored;
+        if (!ec_ && !fs::is_directory(fs::symlink_status(current, ignored)))
+            copyEntry(current, staged, ec_);
         notes_.push_back(name + " kept as it was; the package's new version is " + name +
                          kNewSuffix);
     }
 
     // An installed entry the new version does not ship.
     void leftOver(const std::string& path) {
-        const fs::path current = installed_ / path;
+        const fs::path current = installed_ / path, staged = staged_ / path;
         const std::string name = "conf/" + path;
         const std::string* oldSha256 = recorded(path);
         // The package's own file, unchanged and no longer shipped, goes.
         if (oldSha256 && regularFileSha256(current) == *oldSha256) return;
-        fs::path staged = staged_ / path;
-        if (present(staged)) {
-            // An older .quorpkg-new gives way to the one just made.
-            if (path.ends_with(kNewSuffix)) return;
-            staged += kOldSuffix;
-            notes_.push_back(name + " kept as " + name + kOldSuffix +
-                             "; the package's new version needs its place");
-        } else if (oldSha256) {
-            notes_.push_back(name + " kept as it was; the package no longer ships it");
-        }
-        copyEntry(current, staged, ec_);
-        // A file where the package now has a folder, or the reverse.
-        if (ec_ == std::errc::not_a_directory || ec_ == std::errc::file_exists) {
+        // An older .quorpkg-new gives way to the one just made.
+        if (present(staged) && path.ends_with(kNewSuffix)) return;
+        if (!present(staged)) {
+            copyEntry(current, staged, ec_);
+            if (ec_ != std::errc::not_a_directory && ec_ != std::errc::file_exists) {
+                if (!ec_ && oldSha256)
+                    notes_.push_back(name + " kept as it was; the package no longer ships it");
+                return;
+            }
             ec_.clear();
-            copyEntry(current, staged_ / (path + kOldSuffix), ec_);
         }
+        // The new version has a folder where theirs is a file, or the reverse.
+        copyEntry(current, staged_ / (path + kOldSuffix), ec_);
+        notes_.push_back(name + " kept as " + name + kOldSuffix +
+                         "; the package's new version needs its place");
     }
 
     const fs::path& installedConf() const { return installed_; }
