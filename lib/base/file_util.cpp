@@ -104,6 +104,16 @@ bool writeAll(int fd, std::string_view data) {
     return true;
 }
 
+fs::path absolutePath(const fs::path& path) {
+    std::error_code ec;
+    const fs::path full = path.empty() ? path : fs::absolute(path, ec);
+    if (ec) return path;
+    fs::path out;
+    for (const fs::path& part : full)
+        if (part != ".") out /= part;
+    return out;
+}
+
 bool syncDirectory(const fs::path& dir) {
     UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd && ::fsync(fd.get()) == 0;

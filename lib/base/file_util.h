@@ -19,6 +19,10 @@ std::optional<std::string> readFile(const std::filesystem::path& path);
 // (S_IFDIR, S_IFREG), in directory order; none when `dir` cannot be read.
 std::vector<std::string> entriesOfType(const std::filesystem::path& dir, mode_t type);
 
+// `path` made absolute against the working directory, without "."
+// components (".." stays: it may climb out of a link); empty stays empty.
+std::filesystem::path absolutePath(const std::filesystem::path& path);
+
 // Replaces `path` with `content` so that a crash leaves the old file or the
 // new one: written to a temporary name beside it, fsync'ed, renamed over the
 // old one, and the directory fsync'ed.

@@ -3,9 +3,49 @@
 #include "base/file_util.h"
 
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <mutex>
 
 #include "test_support.h"
+
+namespace {
+
+// What fsync was asked to flush while a test records it: each file by its
+// path, with the content it had then.
+struct SyncRecord {
+    std::mutex mutex;
+    bool on = false;
+    std::vector<std::pair<std::string, std::string>> synced;
+};
+
+SyncRecord& syncRecord() {
+    static SyncRecord record;
+    return record;
+}
+
+}  // namespace
+
+// Defined in this program, fsync takes the place of the C library's for
+// every call linked into it: the test sees what the code flushes, and the
+// flush still happens.
+extern "C" int fsync(int fd) {
+    SyncRecord& record = syncRecord();
+    std::lock_guard guard(record.mutex);
+    if (record.on) {
+        char path[PATH_MAX] = {};
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        const ssize_t length = ::readlink(link.c_str(), path, sizeof path - 1);
+        std::string content(4096, '\0');
+        const ssize_t n = ::pread(fd, content.data(), content.size(), 0);
+        content.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        record.synced.emplace_back(std::string(path, length > 0 ? length : 0), content);
+    }
+    return static_cast<int>(::syscall(SYS_fsync, fd));
+}
 
 namespace quor {
 namespace {
@@ -44,6 +84,25 @@ TEST(FileUtil, AtomicWriteReplacesTheFileInsteadOfWritingIntoIt) {
     ASSERT_TRUE(writeFileAtomic(dir.path() / "fresh", ""));
     EXPECT_EQ(readFile(dir.path() / "fresh"), "");
     EXPECT_FALSE(writeFileAtomic(dir.path() / "missing" / "file", "x"));
+}
+
+TEST(FileUtil, AnAtomicWriteIsOnDiskBeforeItsRenameAndTheRenameAfterIt) {
+    TempDir dir;
+    const fs::path file = dir.path() / "journal";
+    writeText(file, "old content");
+    SyncRecord& record = syncRecord();
+    record.on = true;
+    ASSERT_TRUE(writeFileAtomic(file, "new"));
+    record.on = false;
+    // The new bytes under the temporary name, then the folder that holds
+    // the rename.
+    const std::string folder = fs::canonical(dir.path()).string();
+    ASSERT_EQ(record.synced.size(), 2u);
+    const fs::path temporary = record.synced[0].first;
+    EXPECT_EQ(temporary.parent_path(), folder);
+    EXPECT_EQ(temporary.filename().string().rfind(".journal.", 0), 0u) << temporary;
+    EXPECT_EQ(record.synced[0].second, "new");
+    EXPECT_EQ(record.synced[1].first, folder);
 }
 
 TEST(FileUtil, AWriteThatRunsOutOfRoomKeepsTheOldFile) {

@@ -31,6 +31,9 @@ Path targetLink(const std::string& name) {
 Path varDir(const std::string& name) {
     return packageDir(name) / "var";
 }
+Path confDir(const std::string& name) {
+    return packageDir(name) / "conf";
+}
 Path journalDir() {
     return packagesDir() / ".journal";
 }
@@ -44,6 +47,9 @@ Path volumeTmpDir(const Path& volume) {
 
 Path logFile(const std::string& name) {
     return hostPath("/var/log/packages") / (name + ".log");
+}
+Path runningScriptsDir() {
+    return hostPath("/run/quorpkg/scripts");
 }
 Path lockFile() {
     return hostPath("/run/quorpkg/lock");

@@ -16,6 +16,7 @@ Path enabledFlag(const std::string& name);   // .../enabled
 Path scriptsDir(const std::string& name);    // .../scripts
 Path targetLink(const std::string& name);    // .../target -> /<volume>/@appstore/<name>
 Path varDir(const std::string& name);        // .../var
+Path confDir(const std::string& name);       // .../conf
 Path journalDir();                           // /var/packages/.journal
 
 Path appstoreDir(const Path& volume, const std::string& name);  // <volume>/@appstore/<name>
@@ -25,6 +26,7 @@ Path logFile(const std::string& name);     // /var/log/packages/<name>.log
 Path lockFile();                           // /run/quorpkg/lock
 Path activeMark(const std::string& name);  // /run/quorpkg/active/<name>
 Path taskFile(const std::string& name);    // /run/quorpkg/tasks/<name>.json
+Path runningScriptsDir();                  // /run/quorpkg/scripts
 Path listDir();                            // /var/cache/quorpkg/list
 Path settingsFile();                       // /etc/quorpkg/settings
 Path sourcesFile();                        // /etc/quorpkg/sources

@@ -22,8 +22,21 @@ std::string printable(std::string text) {
     return text;
 }
 
-std::string stampedLine(const std::string& line) {
-    return formatUtc(nowSeconds()) + " [" + std::to_string(::getpid()) + "] " + line + "\n";
+// The line, stamped, in the file; the same words in the system log.
+void writeLine(const std::string& line, int priority) {
+    const std::filesystem::path file = operationLogFile();
+    // A root that does not exist is refused, never created, not even by its log.
+    if (rootExists()) {
+        std::error_code ec;
+        std::filesystem::create_directories(file.parent_path(), ec);
+        appendCapped(file,
+                     formatUtc(nowSeconds()) + " [" + std::to_string(::getpid()) + "] " + line +
+                         "\n",
+                     kOperationLogCap);
+    }
+    // No openlog: its name and options are the process's, and the tool's own
+    // lines keep theirs.
+    ::syslog(priority | LOG_USER, "%s", line.c_str());
 }
 
 }  // namespace
@@ -39,17 +52,15 @@ std::string operationLine(const std::string& name, const std::string& package,
 }
 
 void logOperation(const std::string& name, const std::string& package, const Outcome& outcome) {
-    const std::string line = operationLine(name, package, outcome);
-    const std::filesystem::path file = operationLogFile();
-    // A root that does not exist is refused, never created, not even by its log.
-    if (rootExists()) {
-        std::error_code ec;
-        std::filesystem::create_directories(file.parent_path(), ec);
-        appendCapped(file, stampedLine(line), kOperationLogCap);
+    writeLine(operationLine(name, package, outcome), outcome.code == kOk ? LOG_INFO : LOG_WARNING);
+}
+
+void logPackageChange(const std::string& name, const std::string& what) {
+    try {
+        writeLine("package " + printable(name) + ": " + printable(what), LOG_NOTICE);
+    } catch (...) {
+        // The history is worth a line, never a failed change.
     }
-    // No openlog: its name and options are the process's, and the tool's own
-    // lines keep theirs.
-    ::syslog((outcome.code == kOk ? LOG_INFO : LOG_WARNING) | LOG_USER, "%s", line.c_str());
 }
 
 void logFileProblem(const std::filesystem::path& file, size_t line, const std::string& message) {
@@ -63,11 +74,7 @@ void logFileProblem(const std::filesystem::path& file, size_t line, const std::s
     }
     // A bad line of a configuration file is worth its log line even while
     // reading: the administrator must learn that it was skipped.
-    const std::filesystem::path log = operationLogFile();
-    std::error_code ec;
-    if (rootExists() && (std::filesystem::create_directories(log.parent_path(), ec), !ec))
-        appendCapped(log, stampedLine(text), kOperationLogCap);
-    ::syslog(LOG_WARNING | LOG_USER, "%s", text.c_str());
+    writeLine(text, LOG_WARNING);
 }
 
 }  // namespace quor

@@ -1,6 +1,7 @@
 // The platform log: one line per operation in $QUOR_ROOT/var/log/quorpkg.log,
 // the same words in the system log, so that a refusal always leaves its
-// reason where a person can read it.
+// reason where a person can read it. Between them, one line per package a
+// change acted on makes the file the store's history.
 #pragma once
 
 #include <cstdint>
@@ -31,5 +32,11 @@ void logOperation(const std::string& name, const std::string& package, const Out
 // words, since such files are read many times per process. Like a failed
 // operation's line, it makes the log folder when there is none. Never fails.
 void logFileProblem(const std::filesystem::path& file, size_t line, const std::string& message);
+
+// Appends "<UTC time> [<pid>] package <name>: <what>" (e.g. "package demo:
+// upgraded from 1.0 to 2.0") as the change happens
+// (before the line of the operation that made it) and sends it to syslog.
+// Never fails.
+void logPackageChange(const std::string& name, const std::string& what);
 
 }  // namespace quor

@@ -1,5 +1,7 @@
 #include "base/result.h"
 
+#include <cerrno>
+
 #include "base/operation.h"
 
 namespace quor {
@@ -23,6 +25,10 @@ void setLastResult(int code) {
 
 int lastResult() {
     return freeFunctionResults().load().code;
+}
+
+int writeFailure(int err) {
+    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kNoSpace : kStoreUnusable;
 }
 
 const char* resultMeaning(int code) {

@@ -65,6 +65,10 @@ void setLastResult(int code);
 // this process (kOk when none has failed).
 int lastResult();
 
+// The code of a failed write: kNoSpace when the disk (or a quota or file
+// size limit) is full, kStoreUnusable for any other errno.
+int writeFailure(int err);
+
 // A short meaning of a result code, for a reason that nobody noted.
 const char* resultMeaning(int code);
 

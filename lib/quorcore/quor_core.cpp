@@ -43,8 +43,9 @@ int QLIBCFileExist(const char* path) {
 }
 
 int QLIBCFileSetKeyValue(const char* file, const char* key, const char* value, int /*flags*/) {
-    quor::Operation operation("QLIBCFileSetKeyValue", file ? file : "", helperResults(),
-                              quor::LogPolicy::kAlways);
+    quor::Operation operation("QLIBCFileSetKeyValue",
+                              file ? quor::absolutePath(resolve(file)).string() : "",
+                              helperResults(), quor::LogPolicy::kAlways);
     auto refused = [](int code, const std::string& why) {
         quor::fail(code, why);
         return -1;

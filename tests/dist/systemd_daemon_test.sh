@@ -171,7 +171,7 @@ grep -qE '^0::/system.slice/quorpkg-pkg-ticker-[0-9a-f]{8}\.scope$' "$var/start.
     fail "the start did not run in a scope of its own: $(cat "$var/start.cgroup")"
 # Exactly the documented variables (PWD is the shell's own).
 names=$(grep -v '^PWD=' "$var/start.env" | cut -d= -f1 | tr '\n' ' ')
-expected="PATH QUOR_PKG_EVENT QUOR_PKG_LOCK_HELD QUOR_PKG_LOG QUOR_PKG_NAME QUOR_PKG_PARAM "
+expected="PATH QUOR_PKG_CONF QUOR_PKG_EVENT QUOR_PKG_LOCK_HELD QUOR_PKG_LOG QUOR_PKG_NAME QUOR_PKG_PARAM "
 expected+="QUOR_PKG_TARGET QUOR_PKG_VAR QUOR_PKG_VERSION QUOR_ROOT "
 [ "$names" = "$expected" ] || fail "the start's environment: $names"
 

@@ -121,6 +121,14 @@ TEST(E2eInstall, AChangeKilledHalfwayIsFinishedByTheNextRunAndTheProductHasNoCra
     EXPECT_EQ(device.quorpkg({"list", "--name"}).out, "\n");
     EXPECT_FALSE(fs::exists(device.root().host("/volume1/@appstore/demo")));
     EXPECT_TRUE(fs::is_empty(device.root().host("/var/packages/.journal")));
+    // Each recovery says what it found and which way it went.
+    const std::string log = readFile(device.root().host("/var/log/quorpkg.log")).value_or("");
+    for (const char* line :
+         {"] package demo: recovered an interrupted install (step commit): rolled forward, 1.0 "
+          "installed\n",
+          "] package demo: recovered an interrupted removal (step commit): rolled forward, not "
+          "installed\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << log;
 
     // The product binary ignores the crash points.
     ::setenv("QUOR_FAILPOINT", "install-payload", 1);

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <set>
+
 #include "base/file_util.h"
 #include "tool_runner.h"
 
@@ -38,6 +40,12 @@ TEST(E2eSignature, SignedPackagesInstallAndOthersAreRefusedWithTheirCode) {
     test::writePackageSource(device.packageDir() / "src", source);
     ASSERT_EQ(zpk(device, {"build", "src", "-o", "signed.zpk", "--sign", "publisher.key"}).status,
               0);
+    // The signed file alone: no unsigned copy is left beside it.
+    std::set<std::string> files;
+    for (const auto& entry : fs::directory_iterator(device.packageDir()))
+        files.insert(entry.path().filename().string());
+    EXPECT_EQ(files, (std::set<std::string>{plain, "publisher.key", "publisher.pub", "signed.zpk",
+                                            "src", "stranger.key", "stranger.pub"}));
     const RunResult info = zpk(device, {"info", "signed.zpk"});
     EXPECT_NE(info.out.find("signature:   key " + id + "\n"), std::string::npos) << info.out;
     const size_t sha = info.out.find("sha256:      ");

@@ -17,12 +17,16 @@ using test::PackageSource;
 
 class Reasons : public ::testing::Test {
 protected:
-    // The lines of the platform log written since the last call.
-    std::vector<std::string> newLines() {
+    // The lines of the platform log written since the last call, without
+    // their time and pid when `bare`.
+    std::vector<std::string> newLines(bool bare = false) {
         const std::string text = readFile(device.root().host("/var/log/quorpkg.log")).value_or("");
         const size_t from = std::min(seen_, text.size());
         seen_ = text.size();
-        return test::textLines(std::string_view(text).substr(from));
+        std::vector<std::string> lines = test::textLines(std::string_view(text).substr(from));
+        if (bare)
+            for (std::string& line : lines) line.erase(0, line.find("] ") + 2);
+        return lines;
     }
 
     // Runs quorpkg, checks its output, and expects one new log line that
@@ -66,8 +70,11 @@ protected:
 };
 
 TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
-    refused({"install", "missing.zpk"}, "Failed to install package missing.zpk, error = [110]\n",
-            {"installZPK missing.zpk: 110", "missing.zpk"});
+    // Files typed relative to the working folder are named absolute.
+    const std::string here = fs::canonical(device.packageDir()).string() + "/";
+    refused({"install", "./missing.zpk"},
+            "Failed to install package ./missing.zpk, error = [110]\n",
+            {"installZPK " + here + "missing.zpk: 110", "cannot open " + here + "missing.zpk"});
 
     PackageSource needy =
         test::packageSource("needy", "1.0", {{"install_dep_packages", "base>=2"}});
@@ -82,7 +89,7 @@ TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
     ASSERT_EQ(
         device.quorpkg({"install", device.package(test::packageSource("base", "2.0"))}).status, 0);
     ASSERT_EQ(device.quorpkg({"install", needyFile}).status, 0);
-    expectLine({"installZPK " + needyFile + ": 0 done"}, "a successful install");
+    expectLine({"installZPK " + here + needyFile + ": 0 done"}, "a successful install");
     refused({"uninstall", "base"}, "", {"uninstallPKGs base: 123", "required by installed needy"});
 
     refused({"install", rawPackage("dots.zpk", {test::fileEntry("../../escape", "x")})},
@@ -92,7 +99,7 @@ TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
             "Failed to install package sum.zpk, error = [112]\n",
             {": 112 ", "sum.zpk", "checksum mismatch of package.tgz"});
     refused({"query", "missing.zpk", "more"}, "Failed to query package missing.zpk, 110\n",
-            {"queryPackageFileInfo missing.zpk: 110", "missing.zpk"});
+            {"queryPackageFileInfo " + here + "missing.zpk: 110"});
 
     PackageSource failing = test::packageSource("failing");
     failing.scripts["preinst"] = "#!/bin/sh\nexit 7\n";
@@ -129,6 +136,40 @@ TEST_F(Reasons, EveryRefusalNamesItsCulprit) {
     const std::string pid = std::to_string(::getpid());
     ASSERT_EQ(::pwrite(lock.get(), pid.data(), pid.size(), 0), static_cast<ssize_t>(pid.size()));
     refused({"uninstall", "needy"}, "", {"uninstallPKGs needy: 102", "locked by pid " + pid});
+}
+
+TEST_F(Reasons, EveryChangeLeavesALinePerPackageChanged) {
+    const std::string here = fs::canonical(device.packageDir()).string() + "/";
+    auto install = [&](const PackageSource& source) {
+        EXPECT_EQ(device.quorpkg({"install", device.package(source)}).status, 0) << source.version;
+    };
+    PackageSource demo = test::packageSource("demo", "1.0");
+    install(demo);
+    demo.version = "2.0";
+    install(demo);
+    // A local install of an older file is allowed: a downgrade.
+    demo.version = "1.5";
+    install(demo);
+    install(demo);
+    PackageSource failing = test::packageSource("failing");
+    failing.scripts["start-stop-status"] = "#!/bin/sh\n[ \"$1\" = start ] && exit 9\nexit 3\n";
+    install(failing);
+    ASSERT_EQ(device.quorpkg({"uninstall", "demo"}).status, 0);
+    EXPECT_EQ(newLines(true), (std::vector<std::string>{
+                                  "package demo: installed 1.0",
+                                  "installZPK " + here + "demo-1.0.zpk: 0 done",
+                                  "package demo: upgraded from 1.0 to 2.0",
+                                  "installZPK " + here + "demo-2.0.zpk: 0 done",
+                                  "package demo: downgraded from 2.0 to 1.5",
+                                  "installZPK " + here + "demo-1.5.zpk: 0 done",
+                                  "package demo: reinstalled 1.5",
+                                  "installZPK " + here + "demo-1.5.zpk: 0 done",
+                                  "package failing: installed 1.0-0001",
+                                  "package failing: start failed (130), turned off",
+                                  "installZPK " + here + "failing-1.0-0001.zpk: 0 done",
+                                  "package demo: removed 1.5",
+                                  "uninstallPKGs demo: 0 done",
+                              }));
 }
 
 TEST_F(Reasons, ADownloadTheServerRefusesNamesTheUrlAndStatus) {

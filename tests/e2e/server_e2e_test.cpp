@@ -93,6 +93,17 @@ TEST_F(E2eServer, InstallFromServerThenCheckAndUpgrade) {
     device.expect({"upgradeall", "false"}, "", 0);
     EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "2.0\n");
     EXPECT_NE(hashFile().find("hash=\"temphash\""), std::string::npos);
+
+    // The daily check upgrades as auto_upgrade says, and the log tells what
+    // it upgraded, not only that it succeeded.
+    publish("3.0");
+    test::writeText(device.root().host("/etc/quorpkg/settings"), "auto_upgrade=\"all\"\n");
+    device.expect({"chkupgradepkg"}, "", 0);
+    EXPECT_EQ(device.quorpkg({"version", "demo"}).out, "3.0\n");
+    const std::string log = readFile(device.root().host("/var/log/quorpkg.log")).value_or("");
+    const size_t upgraded = log.find("] package demo: upgraded from 2.0 to 3.0\n");
+    ASSERT_NE(upgraded, std::string::npos) << log;
+    EXPECT_NE(log.find("] PMSCheckUpgrade -: 0 done\n", upgraded), std::string::npos) << log;
 }
 
 }  // namespace

@@ -50,6 +50,9 @@ TEST_F(ServiceTest, ScriptGetsCleanEnvironmentPackageFolderAndLogsItsOutput) {
               "PWD=" +
                   root_ +
                   "/var/packages/envy\n"
+                  "QUOR_PKG_CONF=" +
+                  root_ +
+                  "/var/packages/envy/conf\n"
                   "QUOR_PKG_EVENT=boot\n"
                   "QUOR_PKG_LOG=" +
                   root_ +

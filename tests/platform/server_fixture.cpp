@@ -232,9 +232,9 @@ Nginx::Nginx(const std::string& binary, const fs::path& dir, const std::string& 
     for (int i = 0; i < kPolls && !accepts(port_); ++i) std::this_thread::sleep_for(kPause);
 }
 
-Nginx::~Nginx() {
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
+void Nginx::stop(int signal) {
+    if (pid_ > 0 && ::kill(pid_, signal) == 0) ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
 }
 
 std::vector<Nginx::Request> Nginx::requests() const {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <signal.h>
 #include <sys/types.h>
 
 #include <optional>
@@ -78,7 +79,9 @@ public:
     static std::string binary();
 
     Nginx(const std::string& binary, const fs::path& dir, const std::string& extra = "");
-    ~Nginx();
+    ~Nginx() { stop(SIGTERM); }
+    // SIGKILL drops every connection halfway, as a crash or a cut cable does.
+    void stop(int signal);
     Nginx(const Nginx&) = delete;
     Nginx& operator=(const Nginx&) = delete;
 

@@ -75,6 +75,31 @@ TEST_F(ServerRange, AKeptPartIsContinuedWithARangeRequestToARealWebServer) {
     EXPECT_NE(std::find(last.begin(), last.end(), 416), last.end());
     EXPECT_EQ(last.back(), 200);
     EXPECT_TRUE(staged(volume1).empty());
+
+    // A download cut off halfway keeps its part, and the next try, from
+    // another server, continues it.
+    ASSERT_EQ(removePackages({"big"}, serviceHooks()), kOk);
+    Nginx slow(nginx, repo, "limit_rate_after 100k; limit_rate 2k;");
+    ASSERT_TRUE(slow.running());
+    writeText(layout::sourcesFile(), sourcesLine(slow.url()) + "\n");
+    std::jthread cut([&] {
+        std::error_code ec;
+        for (int i = 0; i < 1000; ++i) {
+            const uintmax_t have = fs::file_size(part, ec);
+            if (!ec && have >= (100u << 10)) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        slow.stop(SIGKILL);
+    });
+    task = installFromServer("big", "volume1");
+    cut.join();
+    EXPECT_EQ(task.code, kDownloadFailed) << task.message;
+    ASSERT_TRUE(fs::exists(part));
+    EXPECT_GE(fs::file_size(part), 100u << 10);
+    writeText(layout::sourcesFile(), sourcesLine(web.url()) + "\n");
+    task = installFromServer("big", "volume1");
+    ASSERT_EQ(task.state, "done") << task.message;
+    EXPECT_EQ(transfers().back(), 206);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // Starting and stopping one package: enabled flags, active marks, the
 // web-interface link, requirements and dependents, the firmware limit.
+#include <unistd.h>
+
 #include "pkg_manager.h"
 #include "quorpkg/service/services.h"
 #include "service_fixture.h"
@@ -56,7 +58,8 @@ TEST_F(ServiceTest, TypesEightAndSixteenSetTheFlagAndTypeZeroLeavesIt) {
 TEST_F(ServiceTest, RequirementsStartFirstAndDependentsStopFirst) {
     install(service("base"));
     install(service("middle", {"base"}));
-    install(service("top", {"middle", "base>=1.0"}));
+    // top needs base only through middle: a stop of base must reach it too.
+    install(service("top", {"middle>=1.0"}));
     install(service("other"));
     std::vector<std::string> affected;
     ServiceRequest enable{.type = PKG_INSTALLATION_TYPE_ENABLE, .affected = &affected};
@@ -90,6 +93,26 @@ TEST_F(ServiceTest, RequirementsStartFirstAndDependentsStopFirst) {
     const Names after = traced("start");
     EXPECT_EQ(Names(after.begin() + static_cast<long>(starts), after.end()),
               (Names{"base", "middle"}));
+}
+
+TEST_F(ServiceTest, StartStopAndRestartHoldTheStoreLockWhileTheirScriptsRun) {
+    // The lock file names its holder while it is held, and is empty once free.
+    PackageSource pkg;
+    pkg.name = "locked";
+    pkg.scripts["start-stop-status"] =
+        "#!/bin/sh\nstate=\"$QUOR_PKG_VAR/running\"\ncase \"$1\" in\n"
+        "start|stop) echo \"$1 $(cat \"$QUOR_ROOT/run/quorpkg/lock\")\" >> '" +
+        tracePath().string() +
+        "';;\nesac\ncase \"$1\" in\nstart) touch \"$state\";;\nstop) rm -f \"$state\";;\n"
+        "status) [ -f \"$state\" ] && exit 0; exit 3;;\nesac\n";
+    install(pkg);
+    ASSERT_EQ(startPackage("locked", {}), kOk);
+    ASSERT_EQ(stopPackage("locked", {}), kOk);
+    ASSERT_EQ(startPackage("locked", {}), kOk);
+    ASSERT_EQ(restartPackage("locked"), kOk);
+    const std::string holder = " " + std::to_string(::getpid());
+    EXPECT_EQ(traceLines(), (Names{"start" + holder, "stop" + holder, "start" + holder,
+                                   "stop" + holder, "start" + holder}));
 }
 
 TEST_F(ServiceTest, StartIsRefusedForMissingRequirementsFailuresAndTheFirmwareLimit) {

@@ -77,8 +77,16 @@ TEST_F(InstalledIndexTest, ChangesKeepTheIndexInStepAndListingsUseIt) {
     indexWrittenLater();
     EXPECT_EQ(listing(), "alpha-1.0: alpha at 1.X 0\n" + both.substr(both.find('\n') + 1));
 
+    // Lookups right after a listing answer from it, but never from one that
+    // a change in this very process has made stale.
     ASSERT_EQ(removePackages({"beta"}, serviceHooks()), kOk);
+    PackageManager manager;
+    PackageInfo info;
+    EXPECT_FALSE(manager.getPackageInfo("beta", info, nullptr, ~0ULL));
+    EXPECT_EQ(manager.getResult(), kNoSuchPackage);
     install("alpha", "2.0");
+    ASSERT_TRUE(manager.getPackageInfo("alpha", info, nullptr, ~0ULL));
+    EXPECT_EQ(info.version, "2.0");
     EXPECT_EQ(listing(), "alpha-2.0: alpha at 2.0 0\n");
     ASSERT_TRUE(parseIndex(readFile(indexFile()).value(), index));
     EXPECT_EQ(index.names(), std::vector<std::string>{"alpha"});

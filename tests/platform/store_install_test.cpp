@@ -1,5 +1,10 @@
 // Installing, reinstalling and upgrading packages in a temporary system root.
+#include <sys/stat.h>
+
+#include <cstdlib>
+
 #include "base/layout.h"
+#include "quorpkg/package/md5.h"
 #include "store_fixture.h"
 
 namespace quor::test {
@@ -130,6 +135,70 @@ TEST_F(StoreInstall, UpgradeKeepsVarAndVolumeAndRestartsATurnedOnService) {
     EXPECT_EQ(trace(), "preupgrade 2.0-0001 2.0-0001\npostupgrade 2.0-0001 2.0-0001\n");
     EXPECT_FALSE(isEnabled("demo"));
     EXPECT_EQ(readFile(layout::varDir("demo") / "data.txt"), "user data");
+}
+
+TEST_F(StoreInstall, UpgradeKeepsTheAdministratorsConfFilesAsDpkgKeepsConffiles) {
+    PackageSource v1;
+    v1.conf = {{"kept.conf", "1"},      {"both.conf", "1"},  {"new.conf", "1"},
+               {"gone.conf", "1"},      {"gone2.conf", "1"}, {"dropped.conf", "1"},
+               {"sub/edited.conf", "1"}};
+    ASSERT_EQ(install(v1), kOk);
+    const fs::path conf = layout::confDir("demo");
+    // The record is sha256sum's, so an administrator can ask what they changed.
+    const std::string check = "cd '" + layout::packageDir("demo").string() +
+                              "' && sha256sum --quiet --check conf.sha256 >/dev/null 2>&1";
+    EXPECT_EQ(std::system(check.c_str()), 0);
+    writeText(conf / "kept.conf", "mine");
+    ::chmod((conf / "kept.conf").c_str(), 0600);
+    writeText(conf / "both.conf", "mine");
+    fs::remove(conf / "gone.conf");
+    fs::remove(conf / "gone2.conf");
+    writeText(conf / "sub/edited.conf", "mine");
+    writeText(conf / "local.conf", "mine");
+    writeText(conf / "later", "mine");
+    EXPECT_NE(std::system(check.c_str()), 0);
+
+    PackageSource v2 = v1;
+    v2.version = "2.0";
+    v2.conf = {{"kept.conf", "1"},  {"both.conf", "2"},  {"new.conf", "2"},    {"gone.conf", "1"},
+               {"gone2.conf", "2"}, {"added.conf", "2"}, {"later/a.conf", "2"}};
+    ASSERT_EQ(install(v2), kOk);
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(conf))
+        if (entry.is_regular_file())
+            files[entry.path().lexically_relative(conf).string()] = readFile(entry.path()).value();
+    EXPECT_EQ(files, (std::map<std::string, std::string>{
+                         {"kept.conf", "mine"},  // changed only here
+                         {"both.conf", "mine"},  // changed on both sides
+                         {"both.conf.quorpkg-new", "2"},
+                         {"new.conf", "2"},                // changed only by the package
+                         {"gone2.conf.quorpkg-new", "2"},  // deleted here, changed there
+                         {"sub/edited.conf", "mine"},      // no longer shipped, changed here
+                         {"local.conf", "mine"},           // never the package's
+                         {"later.quorpkg-old", "mine"},    // where the package has a folder now
+                         {"later/a.conf", "2"},
+                         {"added.conf", "2"}}));
+    EXPECT_EQ(fs::status(conf / "kept.conf").permissions(), fs::perms(0600));
+    // Recorded as the package shipped them.
+    std::string record;
+    for (const auto& [path, content] : v2.conf)
+        record += dataSha256Hex(content) + "  conf/" + path + "\n";
+    EXPECT_EQ(readFile(layout::packageDir("demo") / "conf.sha256"), record);
+    const std::string history = readFile(root.host("/var/log/quorpkg.log")).value_or("");
+    EXPECT_NE(history.find("package demo: upgraded from 1.0-0001 to 2.0; conf/both.conf kept as "
+                           "it was; the package's new version is conf/both.conf.quorpkg-new; "),
+              std::string::npos)
+        << history;
+
+    // Installed without a record (by an older store), nothing can be told
+    // apart: what differs stays, the new version beside it.
+    fs::remove(layout::packageDir("demo") / "conf.sha256");
+    v2.version = "3.0";
+    v2.conf["new.conf"] = "3";
+    ASSERT_EQ(install(v2), kOk);
+    EXPECT_EQ(readFile(conf / "new.conf"), "2");
+    EXPECT_EQ(readFile(conf / "new.conf.quorpkg-new"), "3");
+    EXPECT_EQ(readFile(conf / "added.conf"), "2");
 }
 
 TEST_F(StoreInstall, VolumeIsTheRequestedOneTheDefaultOrTheFirstOfTheRoomiest) {

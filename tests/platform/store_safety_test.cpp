@@ -8,8 +8,11 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <sstream>
+#include <thread>
 
 #include "base/layout.h"
+#include "quorpkg/scripts/process_group.h"
 #include "quorpkg/store/lock.h"
 #include "store_fixture.h"
 
@@ -154,6 +157,45 @@ TEST_F(StoreSafety, KilledRollbackOfAFailedScriptStillEndsWithTheOldPackage) {
         EXPECT_EQ(snapshot(device.root.path()), old) << upgrade;
         expectListedAsStored();
     }
+}
+
+TEST_F(StoreSafety, AKilledChangesScriptDiesWithItAndTheRecoveryEndsWhatItStarted) {
+    Device device(nullptr);
+    PackageSource source;
+    // The script starts a helper, then kills the process running the change.
+    source.scripts = {{"preinst",
+                       "#!/bin/sh\nsleep 600 &\necho \"$$ $!\" > \"$QUOR_ROOT/pids\"\n"
+                       "kill -KILL $PPID\nsleep 600\n"}};
+    const fs::path file = build(source);
+    const std::vector<std::string> skipped = {"run/quorpkg/lock", "var/log/",
+                                              "var/cache/quorpkg/installed", "pids"};
+    const Snapshot old = test::snapshot(device.root.path(), skipped);
+    ASSERT_EQ(inChild([&] { return install(file); }), -SIGKILL);
+    std::istringstream pids(readFile(device.root.host("/pids")).value_or(""));
+    pid_t script = 0, helper = 0;
+    pids >> script >> helper;
+    ASSERT_GT(helper, 0);
+
+    // The script does not go on alone...
+    for (int i = 0; i < 500 && liveProcess(script); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_FALSE(liveProcess(script));
+    // ...and what it started is ended by the next run, before it undoes
+    // the change.
+    QUORPackageTool::PackageManager manager;
+    ASSERT_TRUE(manager.init());
+    EXPECT_FALSE(liveProcess(helper));
+    EXPECT_EQ(test::snapshot(device.root.path(), skipped), old);
+    const std::string log = readFile(device.root.host("/var/log/quorpkg.log")).value_or("");
+    const size_t ended = log.find("] package demo: ended preinst (process group " +
+                                  std::to_string(script) + "), left running by a killed process\n");
+    EXPECT_NE(ended, std::string::npos) << log;
+    EXPECT_NE(log.find("] package demo: recovered an interrupted install (step stage): rolled "
+                       "back, not installed\n",
+                       ended),
+              std::string::npos)
+        << log;
+    if (liveProcess(helper)) ::kill(helper, SIGKILL);
 }
 
 TEST_F(StoreSafety, BadFilesAndFailingScriptsLeaveTheStoreAsItWas) {

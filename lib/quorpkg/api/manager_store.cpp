@@ -11,6 +11,7 @@
 #include "pkg_manager.h"
 #include "quorpkg/api/package_record.h"
 #include "quorpkg/package/package_file.h"
+#include "quorpkg/scripts/script_record.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/installed_index.h"
@@ -62,9 +63,10 @@ bool PackageManager::init() {
     // command word, leaves the root as it was.
     if (!quor::rootExists())
         return quor::fail(quor::kStoreUnusable, quor::rootDir().string() + " does not exist");
-    // A change that was cut short is finished or undone now, unless some
-    // process is in the middle of one (its own recovery comes first anyway).
-    if (quor::anyJournalEntry()) {
+    // A change that was cut short is finished or undone now, and what its
+    // script left running is ended, unless some process is in the middle of
+    // one (its own recovery comes first anyway).
+    if (quor::anyJournalEntry() || quor::anyRecordedScript()) {
         if (auto lock = quor::StoreLock::tryAcquireFresh()) quor::recoverUnfinishedChange();
     }
     state_->initialized = true;
@@ -114,8 +116,9 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
     return quor::isInstalled(name) || quor::fail(quor::kNoSuchPackage, "not installed");
 }
 
-bool PackageManager::queryPackageFileInfo(const std::string& path, PackageInfo& out,
+bool PackageManager::queryPackageFileInfo(const std::string& typed, PackageInfo& out,
                                           PKG_INSTALLATION_TYPE, const char*) {
+    const std::string path = quor::absolutePath(typed);
     quor::Operation operation("queryPackageFileInfo", path, quor::freeFunctionResults(),
                               quor::LogPolicy::kOnFailure);
     if (path.empty()) return quor::fail(quor::kBadArgument, "no package file named");
@@ -142,7 +145,9 @@ bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>* packages,
     return code == quor::kOk || quor::fail(code);
 }
 
-bool PackageManager::installZPK(const char* volume, std::string path, const std::string&) {
+bool PackageManager::installZPK(const char* volume, std::string typed, const std::string&) {
+    // The log names the file wherever the command ran.
+    const std::string path = quor::absolutePath(typed);
     quor::Operation operation("installZPK", path, state_->results, quor::LogPolicy::kAlways);
     if (path.empty()) return quor::fail(quor::kBadArgument, "no package file named");
     quor::InstallRequest request;

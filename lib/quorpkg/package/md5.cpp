@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <initializer_list>
 
 #include "base/file_util.h"
 #include "quorpkg/package/crypto_api.h"
@@ -41,21 +42,33 @@ std::string Digest::hex() {
     return out;
 }
 
-std::optional<FileDigests> fileDigests(const std::filesystem::path& file) {
-    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) return std::nullopt;
-    Md5 md5;
-    Sha256 sha256;
+// Feeds the rest of what `fd` holds to each digest; false on a read error.
+static bool digestAll(const UniqueFd& fd, std::initializer_list<Digest*> digests) {
+    if (!fd) return false;
     char buffer[1 << 16];
     for (;;) {
         ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return std::nullopt;
-        if (n == 0) break;
-        md5.update(buffer, static_cast<size_t>(n));
-        sha256.update(buffer, static_cast<size_t>(n));
+        if (n < 0) return false;
+        if (n == 0) return true;
+        for (Digest* digest : digests) digest->update(buffer, static_cast<size_t>(n));
     }
+}
+
+std::optional<FileDigests> fileDigests(const std::filesystem::path& file) {
+    Md5 md5;
+    Sha256 sha256;
+    if (!digestAll(UniqueFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC)), {&md5, &sha256}))
+        return std::nullopt;
     return FileDigests{md5.hex(), sha256.hex()};
+}
+
+std::optional<std::string> regularFileSha256(const std::filesystem::path& file) {
+    Sha256 sha256;
+    if (!digestAll(openRegularFile(file, O_RDONLY), {&sha256})) return std::nullopt;
+    std::string hex = sha256.hex();
+    if (hex.empty()) return std::nullopt;
+    return hex;
 }
 
 std::optional<std::string> fileMd5Hex(const std::filesystem::path& file) {

@@ -47,6 +47,10 @@ struct FileDigests {
 // The file's digests, or nothing when it cannot be read.
 std::optional<FileDigests> fileDigests(const std::filesystem::path& file);
 
+// Lower-case hex sha256 of a regular file, never read through a link; nothing
+// for anything else, or when it cannot be read or hashed.
+std::optional<std::string> regularFileSha256(const std::filesystem::path& file);
+
 // Lower-case hex md5 of the file's content, or nothing when it cannot be read.
 std::optional<std::string> fileMd5Hex(const std::filesystem::path& file);
 

@@ -15,6 +15,7 @@
 #include "base/system_root.h"
 #include "quorpkg/scripts/process_group.h"
 #include "quorpkg/scripts/service_scope.h"
+#include "quorpkg/scripts/script_record.h"
 
 namespace fs = std::filesystem;
 
@@ -29,6 +30,7 @@ std::vector<std::string> scriptEnvironment(const ScriptRun& run) {
         "QUOR_PKG_VERSION=" + run.packageVersion,
         "QUOR_PKG_TARGET=" + run.target.string(),
         "QUOR_PKG_VAR=" + layout::varDir(run.packageName).string(),
+        "QUOR_PKG_CONF=" + layout::confDir(run.packageName).string(),
         "QUOR_PKG_LOG=" + layout::logFile(run.packageName).string(),
         "QUOR_PKG_EVENT=" + run.event,
         "QUOR_PKG_PARAM=" + run.param,
@@ -95,6 +97,14 @@ ScriptOutcome runScript(const ScriptRun& run) {
     spawn.workDir = workingDirectory(run);
     spawn.stdoutFd = run.captureStdout ? writeEnd.get() : log.get();
     spawn.stderrFd = log.get();
+
+    // Under the lock, a change is under way: should this process be killed,
+    // the next one to take the lock ends what the script left running.
+    std::optional<ScriptRecord> record;
+    if (run.lockHeld)
+        spawn.beforeRun = [&](pid_t pgid) {
+            record.emplace(pgid, run.packageName, describeRun(run));
+        };
 
     int error = 0;
     std::optional<ProcessGroup> child = ProcessGroup::spawn(spawn, error);

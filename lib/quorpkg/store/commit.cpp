@@ -7,7 +7,9 @@
 
 #include "base/file_util.h"
 #include "base/layout.h"
+#include "base/operation_log.h"
 #include "base/result.h"
+#include "quorpkg/scripts/script_record.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/installed_index.h"
 #include "quorpkg/store/installer.h"
@@ -162,30 +164,51 @@ void finishRemoval(const Change& change) {
     clearJournal(change.name);
 }
 
-// Finishes or undoes the change a journal names.
-static void recover(const Change& change) {
+// Finishes or undoes the change a journal names; says which way it went.
+static const char* recover(const Change& change) {
     const bool removal = change.op == "remove";
     if (change.step == "commit") {
         // The staged files were complete before the step was written: finish.
         if (removal ? commitRemoval(change) : commitStaged(change)) {
             removal ? finishRemoval(change) : finishInstall(change);
-        } else if (!removal) {
-            rollBackInstall(change);
+            return "rolled forward";
         }
+        if (removal) return "not finished yet, left for the next change";
+        rollBackInstall(change);
     } else if (change.step == "rollback" || (!removal && change.step == "stage")) {
         rollBackInstall(change);
     } else {
         // A removal that had not committed yet: the package is still whole.
         clearJournal(change.name);
     }
+    return "rolled back";
+}
+
+// The history line of a recovered change, with what is installed now.
+static void logRecovery(const Change& change, const char* outcome) {
+    std::string words = "recovered an interrupted " +
+                        (change.op == "remove" ? std::string("removal") : change.op) + " (step " +
+                        change.step + "): " + outcome;
+    Manifest manifest;
+    if (!isInstalled(change.name))
+        words += ", not installed";
+    else if (readInstalledManifest(change.name, manifest) == kOk)
+        words += ", " + manifest.version + " installed";
+    logPackageChange(change.name, words);
 }
 
 void recoverUnfinishedChange() {
+    // What a killed change's script started must not go on beside the
+    // recovery, nor after it.
+    for (const EndedScript& script : endAbandonedScripts())
+        logPackageChange(script.package, "ended " + script.script + " (process group " +
+                                             std::to_string(script.processGroup) +
+                                             "), left running by a killed process");
     removeJournalLeftovers();
     for (const std::string& name : pendingJournals()) {
         Change change;
         if (readJournal(name, change)) {
-            recover(change);
+            logRecovery(change, recover(change));
         } else {
             // Not a journal we wrote: nothing can be done with it.
             clearJournal(name);

@@ -1,10 +1,10 @@
 #include "quorpkg/store/installer.h"
 
-#include <cerrno>
 #include <system_error>
 
 #include "base/file_util.h"
 #include "base/layout.h"
+#include "base/operation_log.h"
 #include "base/package_log.h"
 #include "base/result.h"
 #include "base/settings.h"
@@ -12,6 +12,7 @@
 #include "quorpkg/package/trust.h"
 #include "quorpkg/package/version.h"
 #include "quorpkg/store/commit.h"
+#include "quorpkg/store/conf_files.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/failpoint.h"
 #include "quorpkg/store/install_checks.h"
@@ -24,11 +25,6 @@ namespace fs = std::filesystem;
 
 namespace quor {
 namespace {
-
-int ioFailure(const std::error_code& ec) {
-    const int err = ec.value();
-    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kNoSpace : kStoreUnusable;
-}
 
 // One install or upgrade, from the checks to the start of the new package.
 class Installation {
@@ -43,7 +39,12 @@ public:
             return refuse(kStoreUnusable, "cannot write the journal of " + name());
         code = stage();
         if (code == kOk) code = runPreScript();
+        // After preupgrade: what it changed in the installed conf/ counts
+        // as the administrator's.
+        if (code == kOk)
+            code = stageConfFiles(paths_.package, paths_.packageNew, upgrade(), confNotes_);
         if (code == kOk) {
+            flushStaging(paths_);
             failpoint("install-staged");
             change_.step = "commit";
             if (!writeJournal(change_))
@@ -58,9 +59,13 @@ public:
         if (code != kOk) return undo(code);
         failpoint("install-finish");
         finishInstall(change_);
-        logPackageEvent(name(), upgrade()
-                                    ? "upgraded from version " + oldVersion_ + " to " + version()
-                                    : "installed version " + version());
+        std::string change = changeWords();
+        logPackageEvent(name(), change);
+        for (const std::string& note : confNotes_) {
+            logPackageEvent(name(), note);
+            change += "; " + note;
+        }
+        logPackageChange(name(), change);
         startAfterwards();
         return kOk;
     }
@@ -69,6 +74,16 @@ private:
     const std::string& name() const { return head_.manifest.name; }
     const std::string& version() const { return head_.manifest.version; }
     bool upgrade() const { return change_.op == "upgrade"; }
+
+    // What the change did, as the package log and the history say it.
+    std::string changeWords() const {
+        if (!upgrade()) return "installed " + version();
+        if (oldVersion_.empty()) return "installed " + version() + " over a broken package";
+        const int order = compareVersions(version(), oldVersion_);
+        if (order == 0) return "reinstalled " + version();
+        return (order > 0 ? "upgraded from " : "downgraded from ") + oldVersion_ + " to " +
+               version();
+    }
 
     // Everything that can refuse the package, before anything is written.
     int prepare() {
@@ -147,14 +162,14 @@ private:
         fs::create_symlink(targetLinkText(change_.volume, name()), paths_.packageNew / "target",
                            ec);
         if (!ec && !upgrade()) fs::create_directory(paths_.packageNew / "var", ec);
-        if (ec) return refuse(ioFailure(ec), "cannot stage " + name() + ": " + ec.message());
+        if (ec)
+            return refuse(writeFailure(ec.value()), "cannot stage " + name() + ": " + ec.message());
         if (!writeFileAtomic(paths_.packageNew / "origin", formatOrigin(origin_)))
             return refuse(kStoreUnusable,
                           "cannot write " + (paths_.packageNew / "origin").string());
         if (wasEnabled_ && !writeFileAtomic(paths_.packageNew / "enabled", ""))
             return refuse(kStoreUnusable,
                           "cannot write " + (paths_.packageNew / "enabled").string());
-        flushStaging(paths_);
         return kOk;
     }
 
@@ -241,6 +256,7 @@ private:
             fs::remove(layout::enabledFlag(name()), ec);
             logPackageEvent(name(), "installed but could not be started (" + std::to_string(code) +
                                         "); turned off");
+            logPackageChange(name(), "start failed (" + std::to_string(code) + "), turned off");
         }
     }
 
@@ -254,6 +270,7 @@ private:
     bool wasEnabled_ = false;
     bool stoppedOld_ = false;
     std::vector<std::string> stoppedDependents_;
+    std::vector<std::string> confNotes_;  // conf files where the new version did not go in
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <set>
 #include <system_error>
 
+#include "base/operation_log.h"
 #include "base/package_log.h"
 #include "base/result.h"
 #include "quorpkg/store/commit.h"
@@ -166,7 +167,9 @@ private:
                     name, "postuninst failed with status " + std::to_string(outcome.exitCode));
         }
         finishRemoval(change);
-        logPackageEvent(name, "removed version " + package.manifest.version);
+        const std::string& version = package.manifest.version;
+        logPackageEvent(name, "removed version " + version);
+        logPackageChange(name, version.empty() ? "removed a broken package" : "removed " + version);
         return kOk;
     }
 
