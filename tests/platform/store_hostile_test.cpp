@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "base/layout.h"
+#include "base/result.h"
 #include "base/settings.h"
 #include "quorpkg/server/task_file.h"
 #include "store_fixture.h"
@@ -34,6 +35,17 @@ TEST_F(StoreHostile, APayloadThatWouldEatTheVolumesReserveIsRefused) {
 
     big.files["share/zeros"] = std::string(12 << 20, '\0');
     EXPECT_EQ(install(big), kOk);
+}
+
+// The web entry links into the package's payload and nowhere else.
+TEST_F(StoreHostile, AWebPageFolderOutsideThePayloadIsRefused) {
+    for (const char* uiDir : {"/etc", "../../../../etc", "ui/../../x"}) {
+        PackageSource page = packageSource("page");
+        page.info = {{"ui_dir", uiDir}};
+        EXPECT_EQ(install(page), kBadManifest) << uiDir;
+        EXPECT_FALSE(isInstalled("page")) << uiDir;
+        EXPECT_FALSE(fs::exists(fs::symlink_status(layout::webEntry("page")))) << uiDir;
+    }
 }
 
 TEST_F(StoreHostile, LinksPlantedAtTheLockJournalAndTaskFilesAreNeverFollowed) {

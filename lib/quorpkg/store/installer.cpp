@@ -105,6 +105,10 @@ private:
         if (code == kOk) code = checkSpace(change_.volume, request_.file);
         if (code != kOk) return code;
         change_.uiDir = head_.manifest.ui_dir;
+        // The web entry links into the payload: never anywhere else.
+        if (!change_.uiDir.empty() && !isInsideFolder(change_.uiDir))
+            return refuse(kBadManifest, name() + ": ui_dir \"" + change_.uiDir +
+                                            "\" must name a folder inside the payload");
         if (upgrade()) {
             change_.oldVolume = installedVolume(name());
             std::error_code ec;

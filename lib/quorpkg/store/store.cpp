@@ -96,8 +96,17 @@ fs::path targetLinkText(const fs::path& volume, const std::string& name) {
     return layout::appstoreDir(volume, name).lexically_relative(layout::packageDir(name));
 }
 
+bool isInsideFolder(const std::string& relative) {
+    const fs::path path(relative);
+    if (path.is_absolute()) return false;
+    for (const fs::path& part : path)
+        if (part == "..") return false;
+    return true;
+}
+
 bool makeWebEntry(const std::string& name, const std::string& uiDir) {
     if (uiDir.empty()) return true;
+    if (!isInsideFolder(uiDir)) return false;
     const fs::path entry = layout::webEntry(name);
     const fs::path text =
         (layout::targetLink(name) / uiDir).lexically_relative(entry.parent_path());

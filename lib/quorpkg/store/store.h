@@ -38,6 +38,10 @@ std::filesystem::path targetLinkText(const std::filesystem::path& volume, const 
 // Makes /usr/quor/quorman/webman/3rdparty/<name> a relative link to
 // /var/packages/<name>/target/<uiDir> (nothing to do for an empty uiDir).
 bool makeWebEntry(const std::string& name, const std::string& uiDir);
+
+// Whether a path taken from a manifest stays inside the folder it is
+// relative to: not absolute, no ".." component.
+bool isInsideFolder(const std::string& relative);
 void removeWebEntry(const std::string& name);
 
 }  // namespace quor
