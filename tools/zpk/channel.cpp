@@ -262,6 +262,8 @@ int zpkRelease(int argc, char** argv) {
     addReleaseKeys(line, true);
     line.options.add_options()("lang", po::value<std::string>()->default_value("enu"),
                                "the catalog's language")(
+        "patches", po::value<int>()->default_value(3),
+        "patches from this many earlier versions, for devices that keep one")(
         "catalog-days", po::value<int>()->default_value(90), "days until the catalog expires")(
         "timestamp-days", po::value<int>()->default_value(7), "days until the timestamp expires");
     line.hidden.add_options()("dir", po::value<std::string>()->required());
@@ -270,6 +272,7 @@ int zpkRelease(int argc, char** argv) {
     const fs::path dir(line.values["dir"].as<std::string>());
     quor::ReleaseOptions options;
     options.lang = line.values["lang"].as<std::string>();
+    options.patches = std::max(0, line.values["patches"].as<int>());
     options.catalogKeys = privateKeys(line.values, "catalog-key");
     options.timestampKeys = privateKeys(line.values, "timestamp-key");
     if (options.catalogKeys.empty() || options.timestampKeys.empty()) return 1;
@@ -325,12 +328,13 @@ int zpkPhase(int argc, char** argv) {
                      "afterwards."};
     line.hidden.add_options()("dir", po::value<std::string>()->required())(
         "name", po::value<std::string>()->required())(
-        "version", po::value<std::string>()->required())("percent", po::value<int>()->required());
-    line.operands.add("dir", 1).add("name", 1).add("version", 1).add("percent", 1);
+        "package-version", po::value<std::string>()->required())("percent",
+                                                                 po::value<int>()->required());
+    line.operands.add("dir", 1).add("name", 1).add("package-version", 1).add("percent", 1);
     if (int status = parseCommandLine(argc, argv, line); status >= 0) return status;
     const fs::path dir(line.values["dir"].as<std::string>());
     const std::string name = line.values["name"].as<std::string>();
-    const std::string version = line.values["version"].as<std::string>();
+    const std::string version = line.values["package-version"].as<std::string>();
     const int percent = line.values["percent"].as<int>();
     std::string why;
     if (quor::setPhase(dir, name, version, percent, why) != 0)
