@@ -213,9 +213,9 @@ PY
     | tee -a "$results/notes.md"
 done
 
-python3 - "$results" "$here/RESULTS.md" <<'PY'
+python3 - "$results" > "$results/section.md" <<'PY'
 import os, subprocess, sys
-results, path = sys.argv[1], sys.argv[2]
+results = sys.argv[1]
 rows = [line.rstrip("\n").split("\t") for line in open(os.path.join(results, "checks.tsv"))]
 cpu = subprocess.run(["sh", "-c", "grep -m1 'model name' /proc/cpuinfo | cut -d: -f2"],
                      capture_output=True, text=True).stdout.strip()
@@ -262,21 +262,13 @@ for phase in (5, 50, 0):
                       f"{share:.2f}", abs(share - phase) <= 1.5 and (phase or offered == 0)))
 mirrors = row("mirrors: one down, one stale")
 if mirrors:
-    goals.append(("one mirror down, one stale: failed checks", "0", f"{mirrors[7]:.0f}", mirrors[7] == 0))
+    goals.append(("one mirror down, one stale: failed checks", "0", f"{mirrors[6]:.0f}", mirrors[6] == 0))
 lines += ["| goal | target | measured | met |", "| --- | --- | --- | --- |"]
 lines += [f"| {name} | {target} | {value} | {'yes' if met else 'no'} |" for name, target, value, met in goals]
 lines.append("")
 notes = os.path.join(results, "notes.md")
 if os.path.exists(notes):
     lines += open(notes).read().rstrip("\n").split("\n") + [""]
-section = "\n".join(lines) + "\n"
-text = open(path).read()
-start = text.find("## Update channel at fleet scale\n")
-if start >= 0:
-    end = text.find("\n## ", start + 1)
-    text = text[:start] + section + (text[end + 1:] if end >= 0 else "")
-else:
-    text = text.rstrip("\n") + "\n\n" + section
-open(path, "w").write(text)
-print(section)
+print("\n".join(lines))
 PY
+python3 "$here/record.py" --section "Update channel at fleet scale" "$results/section.md"

@@ -9,6 +9,9 @@ A third command in a file is the first one run by a baseline binary
 (BASELINE=... in the bench scripts): its median and ratio to the second are
 listed as "before". Lines of RESULTS_DIR/notes.md, if any, follow the table.
 The section replaces an earlier one of the same title.
+
+record.py --section TITLE FILE: the same for a section written elsewhere
+(FILE holds it, from its "## TITLE" line on).
 """
 import json
 import os
@@ -16,9 +19,27 @@ import platform
 import subprocess
 import sys
 
-title, results_dir, files = sys.argv[1], sys.argv[2], sys.argv[3:]
 here = os.path.dirname(os.path.abspath(__file__))
 out_path = os.path.join(here, "RESULTS.md")
+
+
+def write_section(title, section):
+    text = open(out_path).read() if os.path.exists(out_path) else "# Benchmark results\n\n"
+    start = text.find(f"## {title}\n")
+    if start >= 0:
+        end = text.find("\n## ", start + 1)
+        text = text[:start] + section + (text[end + 1:] if end >= 0 else "")
+    else:
+        text = text.rstrip("\n") + "\n\n" + section
+    open(out_path, "w").write(text)
+    print(section)
+
+
+if sys.argv[1] == "--section":
+    write_section(sys.argv[2], open(sys.argv[3]).read())
+    sys.exit(0)
+
+title, results_dir, files = sys.argv[1], sys.argv[2], sys.argv[3:]
 
 
 def cpu_name():
@@ -54,14 +75,4 @@ lines.append("")
 notes = os.path.join(results_dir, "notes.md")
 if os.path.exists(notes):
     lines += open(notes).read().rstrip("\n").split("\n") + [""]
-section = "\n".join(lines) + "\n"
-
-text = open(out_path).read() if os.path.exists(out_path) else "# Benchmark results\n\n"
-start = text.find(f"## {title}\n")
-if start >= 0:
-    end = text.find("\n## ", start + 1)
-    text = text[:start] + section + (text[end + 1:] if end >= 0 else "")
-else:
-    text = text.rstrip("\n") + "\n\n" + section
-open(out_path, "w").write(text)
-print(section)
+write_section(title, "\n".join(lines) + "\n")
