@@ -193,6 +193,24 @@ TEST_F(ServerChannel, KeysCountOnlyForTheirSourceAndTheirNames) {
     expectRefused("app", kTrustRefused, "timestamp 1 of test-source needs 1 valid signatures");
 }
 
+// A catalog key rotated out in band: the next release seals the catalog
+// anew with the new key even when no package changed, and devices take it.
+TEST_F(ServerChannel, ARotatedCatalogKeySealsEvenAnUnchangedCatalogAnew) {
+    publish(packageSource("app", "1.0"));
+    serve();
+    EXPECT_EQ(lookup("app"), "1.0");
+    const SigningKey old = channel->catalogKey;
+    channel->catalogKey = newKey();
+    channel->rotate([&](SourceRoot& root) {
+        root.keys.erase(old.id());
+        root.keys.emplace(channel->catalogKey.id(), channel->catalogKey);
+        root.catalog = RoleKeys{1, {channel->catalogKey.id()}};
+    });
+    channel->release();
+    EXPECT_EQ(lookup("app"), "1.0") << log();
+    EXPECT_EQ(channel->timestamp().catalogs.front().version, 2u);
+}
+
 // Attack 7: nothing reached through a server lowers an installed version;
 // a local file of an older version is the administrator's own act.
 TEST_F(ServerChannel, NoServerPathLowersAnInstalledVersion) {
