@@ -199,13 +199,7 @@ TEST_F(ServerChannel, ARotatedCatalogKeySealsEvenAnUnchangedCatalogAnew) {
     publish(packageSource("app", "1.0"));
     serve();
     EXPECT_EQ(lookup("app"), "1.0");
-    const SigningKey old = channel->catalogKey;
-    channel->catalogKey = newKey();
-    channel->rotate([&](SourceRoot& root) {
-        root.keys.erase(old.id());
-        root.keys.emplace(channel->catalogKey.id(), channel->catalogKey);
-        root.catalog = RoleKeys{1, {channel->catalogKey.id()}};
-    });
+    channel->rotateRoleKey(&TestSource::catalogKey);
     channel->release();
     EXPECT_EQ(lookup("app"), "1.0") << log();
     EXPECT_EQ(channel->timestamp().catalogs.front().version, 2u);
@@ -340,12 +334,7 @@ TEST_F(ServerChannel, AStolenTimestampKeyIsRotatedOut) {
 
     // The publisher rotates the key and announces root 2.
     replaceServed(repo / kTimestampFile, legitimate);
-    channel->timestampKey = newKey();
-    channel->rotate([&](SourceRoot& root) {
-        root.keys.erase(stolen.id());
-        root.keys.emplace(channel->timestampKey.id(), channel->timestampKey);
-        root.timestamp = RoleKeys{1, {channel->timestampKey.id()}};
-    });
+    channel->rotateRoleKey(&TestSource::timestampKey);
     channel->renew();
     EXPECT_EQ(lookup("app"), "1.0");  // version 2 after 1000: the rotation reset it
     EXPECT_NE(readFile(stateDir() / "state").value().find("timestamp=\"2\""), std::string::npos);
