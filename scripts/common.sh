@@ -49,6 +49,24 @@ run() {
   echo
 }
 
+# Shows a zpk command as typed (paths relative to the current folder) and
+# everything it prints.
+zrun() {
+  echo "\$ zpk $*"
+  "$ZPK" "$@" 2>&1
+  echo
+}
+
+# Serves $1 in place of the served file $2, dated a second after the file it
+# replaces: web servers answer a conditional request by that date, and an
+# older one would make the device keep what it has.
+replace_served() {
+  local before
+  before=$(stat -c %Y "$2")
+  cp "$1" "$2"
+  touch -d "@$((before + 1))" "$2"
+}
+
 # Shows the platform's reason for the refusal just shown: the last line of
 # its log.
 reason() {

@@ -12,7 +12,8 @@ mkdir -p "$QUOR_ROOT/var/packages/alpha" "$QUOR_ROOT/var/packages/beta" \
     "$QUOR_ROOT/var/packages/.alpha.new" "$QUOR_ROOT/volume1" "$QUOR_ROOT/volume2"
 touch "$QUOR_ROOT/var/packages/stray-file"
 mkdir -p "$work/files/src/package"
-touch "$work/files/a.zpk" "$work/files/b.zpk" "$work/files/notes.txt"
+touch "$work/files/a.zpk" "$work/files/b.zpk" "$work/files/notes.txt" "$work/files/root1.key" \
+    "$work/files/root1.pub" "$work/files/1.root.draft"
 cd "$work/files"
 
 # shellcheck source=/dev/null
@@ -66,6 +67,17 @@ expect _zpk "src" zpk build ""
 expect _zpk "a.zpk b.zpk src" zpk build src -o ""
 expect _zpk "a.zpk b.zpk src" zpk contents ""
 expect _zpk "src" zpk index ""
+# The publisher's verbs: their second words, options, and the keys each option
+# takes (public when drafting a root, private when signing).
+expect _zpk "release root" zpk r
+expect _zpk "next sign" zpk root ""
+expect _zpk "--drop-publisher" zpk root next src --dr
+expect _zpk "--threshold --timestamp-key" zpk source new src --t
+expect _zpk "root1.pub src" zpk source new src --catalog-key ""
+expect _zpk "root1.key src" zpk release src --timestamp-key ""
+expect _zpk "1.root.draft src" zpk root sign ""
+expect _zpk "root1.key src" zpk root sign 1.root.draft ""
+expect _zpk "" zpk verify src --root ""
 
 if [ "$failures" -ne 0 ]; then
     echo "$failures completion checks failed"

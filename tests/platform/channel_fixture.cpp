@@ -186,4 +186,16 @@ void TestSource::rotate(const std::function<void(SourceRoot&)>& change, std::vec
     }
 }
 
+void TestSource::rotateRoleKey(SigningKey TestSource::*role) {
+    const std::string old = (this->*role).id();
+    this->*role = newKey();
+    const SigningKey& fresh = this->*role;
+    rotate([&](SourceRoot& root) {
+        root.keys.erase(old);
+        root.keys.emplace(fresh.id(), fresh.rawPublic());
+        (role == &TestSource::catalogKey ? root.catalog : root.timestamp) =
+            RoleKeys{1, {fresh.id()}};
+    });
+}
+
 }  // namespace quor::test

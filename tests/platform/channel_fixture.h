@@ -54,6 +54,9 @@ public:
     // Root N+1: `change` applied to a copy of the newest root, signed by the
     // root keys `signers` (indexes into rootKeys; default: all), published.
     void rotate(const std::function<void(SourceRoot&)>& change, std::vector<int> signers = {});
+    // Root N+1 with a new key in place of the timestamp or the catalog key
+    // (`role`: &TestSource::timestampKey or &TestSource::catalogKey).
+    void rotateRoleKey(SigningKey TestSource::*role);
 
     std::vector<SigningKey> rootKeys;
     SigningKey timestampKey;

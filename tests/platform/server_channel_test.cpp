@@ -193,6 +193,18 @@ TEST_F(ServerChannel, KeysCountOnlyForTheirSourceAndTheirNames) {
     expectRefused("app", kTrustRefused, "timestamp 1 of test-source needs 1 valid signatures");
 }
 
+// A catalog key rotated out in band: the next release seals the catalog
+// anew with the new key even when no package changed, and devices take it.
+TEST_F(ServerChannel, ARotatedCatalogKeySealsEvenAnUnchangedCatalogAnew) {
+    publish(packageSource("app", "1.0"));
+    serve();
+    EXPECT_EQ(lookup("app"), "1.0");
+    channel->rotateRoleKey(&TestSource::catalogKey);
+    channel->release();
+    EXPECT_EQ(lookup("app"), "1.0") << log();
+    EXPECT_EQ(channel->timestamp().catalogs.front().version, 2u);
+}
+
 // Attack 7: nothing reached through a server lowers an installed version;
 // a local file of an older version is the administrator's own act.
 TEST_F(ServerChannel, NoServerPathLowersAnInstalledVersion) {
@@ -322,12 +334,7 @@ TEST_F(ServerChannel, AStolenTimestampKeyIsRotatedOut) {
 
     // The publisher rotates the key and announces root 2.
     replaceServed(repo / kTimestampFile, legitimate);
-    channel->timestampKey = newKey();
-    channel->rotate([&](SourceRoot& root) {
-        root.keys.erase(stolen.id());
-        root.keys.emplace(channel->timestampKey.id(), channel->timestampKey.rawPublic());
-        root.timestamp = RoleKeys{1, {channel->timestampKey.id()}};
-    });
+    channel->rotateRoleKey(&TestSource::timestampKey);
     channel->renew();
     EXPECT_EQ(lookup("app"), "1.0");  // version 2 after 1000: the rotation reset it
     EXPECT_NE(readFile(stateDir() / "state").value().find("timestamp=\"2\""), std::string::npos);

@@ -315,14 +315,16 @@ int releaseCatalog(const fs::path& dir, const ReleaseOptions& options, ReleaseOu
             if (candidate.lang == options.lang) kept = &candidate;
 
     // An unchanged catalog keeps its version while its seal has half its
-    // life ahead; otherwise a new version with a new seal.
+    // life ahead and still counts under the newest root (a catalog key
+    // rotated out no longer does); otherwise a new version with a new seal.
     std::optional<CatalogSeal> keptSeal;
     if (kept && kept->sha256 == ref.sha256) {
         const fs::path sealFile = dir / (catalogFileName(kept->lang, kept->version) + ".sig");
         if (std::optional<std::string> sealText = readFile(sealFile))
             keptSeal = readCatalogSeal(*sealText, problem);
     }
-    if (keptSeal && keptSeal->expires > options.now + options.catalogLifetime / 2) {
+    if (keptSeal && keptSeal->expires > options.now + options.catalogLifetime / 2 &&
+        signerCount(keptSeal->statement, root.catalog, root.keys) >= root.catalog.threshold) {
         ref = *kept;
     } else {
         ref.version = std::max(kept ? kept->version : 0, highestCatalogFile(dir, ref.lang)) + 1;
