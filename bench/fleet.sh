@@ -46,10 +46,14 @@ http {
   server {
     listen 127.0.0.1:$port;
     root $2;
-    # Every file but the timestamp and the newest root never changes.
-    location / { add_header Cache-Control "public, max-age=31536000, immutable"; }
-    location = /timestamp { add_header Cache-Control "public, max-age=60"; }
-    location = /root { add_header Cache-Control "public, max-age=3600"; }
+    # As docs/server.md has it: versioned files for a year, the files that
+    # change under their name asked anew each time.
+    location ~ /(timestamp|root|catalog(-[^/.]+)?\.(json|hash|json\.sig))\$ {
+      add_header Cache-Control "no-cache";
+    }
+    location ~ /(\d+\.root|catalog-[^/]+\.\d+\.(json(\.sig|\.zst)?|from-\d+\.zst)|[^/]+\.zpk)\$ {
+      add_header Cache-Control "public, max-age=31536000, immutable";
+    }
   }
 }
 EOF
