@@ -61,7 +61,8 @@ bool GetPackageInfoFromServer(const std::string& name, Json::Value& entry, bool 
     const quor::Offer* offer = offers.newest(name, beta);
     if (offer == nullptr)
         return quor::fail(quor::kNotOnServer, std::string("no configured server offers ") + name +
-                                                  (beta ? "" : " (betas left out)"));
+                                                  (beta ? "" : " (betas left out)") +
+                                                  quor::unavailableSources(catalogs));
     Json::Value found;
     if (!quor::resolvedEntry(*offer, found))
         return quor::fail(quor::kServerUnreachable,

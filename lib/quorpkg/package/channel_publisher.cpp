@@ -343,6 +343,10 @@ int releaseCatalog(const fs::path& dir, const ReleaseOptions& options, ReleaseOu
     // The plain files for devices that list this source as unverified.
     SourceTimestamp next = nextTimestamp(previous, root, options);
     const std::string plain = ref.lang == next.defaultLang ? "catalog" : "catalog-" + ref.lang;
+    // A signature of the plain catalog it replaces would no longer match:
+    // `zpk index --sign` signs the new one for devices that require it.
+    std::error_code ec;
+    fs::remove(dir / (plain + ".json.sig"), ec);
     if (!writeFileAtomic(dir / (plain + ".json"), text) ||
         !writeFileAtomic(dir / (plain + ".hash"), catalog["hash"].asString() + "\n"))
         return refuse(kStoreUnusable, why, "cannot write " + (dir / (plain + ".json")).string());

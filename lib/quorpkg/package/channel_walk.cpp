@@ -15,7 +15,7 @@ namespace quor {
 namespace {
 
 std::string until(int64_t expires, int64_t now) {
-    const int64_t days = (expires - now) / 86400;
+    const int64_t days = (expires - now + 86399) / 86400;  // a part of a day counts
     return "expires " + formatUtc(expires) +
            (expires <= now ? " (expired)" : " (in " + std::to_string(days) + " days)");
 }

@@ -99,7 +99,8 @@ private:
                 continue;
             if (remotePackageOf(offer, out)) return kOk;
         }
-        *why = "no configured source offers " + request_.link + " for " + request_.name;
+        *why = "no configured source offers " + request_.link + " for " + request_.name +
+               unavailableSources(catalogs);
         return refuse(kNotOnServer, *why);
     }
 

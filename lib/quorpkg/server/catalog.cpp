@@ -39,6 +39,13 @@ std::string Catalog::origin() const {
     return sourceId.empty() ? "unverified " + source.url : sourceId;
 }
 
+std::string unavailableSources(const std::vector<Catalog>& catalogs) {
+    std::string out;
+    for (const Catalog& catalog : catalogs)
+        if (!catalog.available) out += "; " + catalog.problem;
+    return out;
+}
+
 bool parseCatalog(const std::string& text, Json::Value& packages, std::string* error) {
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;

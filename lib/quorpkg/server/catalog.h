@@ -60,6 +60,10 @@ int loadCatalogs(const CatalogLoad& how, const char* lang, std::vector<Catalog>&
 int loadCatalogs(bool fresh, const char* lang, std::vector<Catalog>& out,
                  std::string* error = nullptr);
 
+// "; <problem>" for each catalog that could not be had, for the reason of a
+// package not found: it may be the one its source would have offered.
+std::string unavailableSources(const std::vector<Catalog>& catalogs);
+
 // The catalog parsed from `text`: an object whose "packages" is an array.
 bool parseCatalog(const std::string& text, Json::Value& packages, std::string* error = nullptr);
 

@@ -2,6 +2,8 @@
 
 #include <syslog.h>
 
+#include <algorithm>
+
 #include "base/result.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/trust.h"
@@ -31,10 +33,9 @@ bool keptCatalogIsTrusted(const Remembered& remembered, const Settings& settings
 }
 
 bool keptCatalogIsCurrent(const CacheFiles& files, const Remembered& remembered,
-                          const Source& source, const Settings& settings) {
+                          const Settings& settings) {
     return !remembered.hash.empty() && remembered.hash != kResetHash &&
-           remembered.source == source.url && keptCatalogIsTrusted(remembered, settings) &&
-           keptCatalogIsYoung(files, settings);
+           keptCatalogIsTrusted(remembered, settings) && keptCatalogIsYoung(files, settings);
 }
 
 // The first of `names` the server has: kOk with its text (and its name in
@@ -81,17 +82,11 @@ int checkFetchedCatalog(const Source& source, const std::string& name, const std
     return kOk;
 }
 
-}  // namespace
-
-int loadPlainCatalog(const Source& source, const std::string& lang, const CatalogLoad& how,
-                     const Settings& settings, Catalog& out, std::string* error) {
+// A fresh load from one mirror (`source.url`).
+int loadFromMirror(const Source& source, const std::string& lang, const CatalogLoad& how,
+                   const Settings& settings, const CacheFiles& files, const Remembered& remembered,
+                   Catalog& out, std::string* error) {
     out.source = source;
-    const CacheFiles files = CacheFiles::of(source, lang);
-    const Remembered remembered = readRemembered(files.hash);
-    if (!how.fresh && keptCatalogIsCurrent(files, remembered, source, settings) &&
-        readKeptCatalog(files.list, remembered.hash, how, out))
-        return kOk;
-
     std::string serverHash;
     int code = fetchFirst(source, {"catalog-" + lang + ".hash", "catalog.hash"}, kMaxHashBytes,
                           settings, serverHash, error);
@@ -130,6 +125,34 @@ int loadPlainCatalog(const Source& source, const std::string& lang, const Catalo
     keepCatalog(files, text, rememberedPairs(hash, key));
     writeCatalogDigest(files.list, hash, source, out.packages);
     return kOk;
+}
+
+}  // namespace
+
+int loadPlainCatalog(const Source& source, const std::string& lang, const CatalogLoad& how,
+                     const Settings& settings, Catalog& out, std::string* error) {
+    const CacheFiles files = CacheFiles::of(source, lang);
+    const Remembered remembered = readRemembered(files.hash);
+    // The kept catalog came from one of the mirrors: its links resolve there.
+    auto from = std::find(source.urls.begin(), source.urls.end(), remembered.source);
+    if (!how.fresh && from != source.urls.end() &&
+        keptCatalogIsCurrent(files, remembered, settings)) {
+        out.source = source;
+        out.source.url = *from;
+        if (readKeptCatalog(files.list, remembered.hash, how, out)) return kOk;
+    }
+    int code = kServerUnreachable;
+    std::string reasons;
+    for (const std::string& mirror : source.urls) {
+        Source one = source;
+        one.url = mirror;
+        std::string why;
+        code = loadFromMirror(one, lang, how, settings, files, remembered, out, &why);
+        if (code == kOk) return kOk;
+        reasons += (reasons.empty() ? "" : "; ") + why;
+    }
+    if (error) *error = source.urls.size() > 1 ? "every mirror failed: " + reasons : reasons;
+    return code;
 }
 
 }  // namespace quor
