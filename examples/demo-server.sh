@@ -41,6 +41,17 @@ release() {
   zrun release repo --catalog-key "keys/${1:-catalog}.key" --timestamp-key keys/timestamp.key
 }
 
+# The web server's requests since the last call: what a device asked for.
+served=0
+requests() {
+  echo "\$ (the web server's log: $1)"
+  local lines
+  lines=$(grep -o '"GET [^"]*" [0-9]*' "$work/http.log" | sed 's/ HTTP\/1\.[01]"/"/')
+  echo "$lines" | tail -n +"$((served + 1))"
+  served=$(echo "$lines" | wc -l)
+  echo
+}
+
 # Waits for a background installation to finish (bounded), then shows it.
 wait_task() {
   local file=$QUOR_ROOT/run/quorpkg/tasks/$1.json
@@ -100,11 +111,16 @@ publish notebook 2.2-0001
 release
 # The cached catalog does not know them yet; a fresh check resets the cache.
 run checkupdateall
+requests "until now" >/dev/null
 run chkupgradepkg
+requests "the release came as a patch from the kept catalog version"
 show "$QUOR_ROOT/var/cache/quorpkg/list/quorserver.hash.enu"
 run checkupdateall
 run checkupdate notebook
 run checkupdate reporter
+requests "since" >/dev/null
+run chkupgradepkg
+requests "nothing new: one conditional request, answered 304"
 echo "\$ ls /var/lib/quorpkg/sources/$pin"
 ls "$QUOR_ROOT/var/lib/quorpkg/sources/$pin"
 echo
