@@ -130,6 +130,15 @@ Outcome Operation::outcome() const {
     return result;
 }
 
+std::string Operation::reasonsFor(int code) const {
+    if (joined_) return joined_->reasonsFor(code);
+    std::lock_guard guard(mutex_);
+    std::vector<std::string> matching;
+    for (const Outcome& noted : notes_)
+        if (noted.code == code) matching.push_back(noted.reason);
+    return joined(matching);
+}
+
 InheritOperation::InheritOperation(Operation* operation) : previous_(t_current) {
     t_current = operation;
 }

@@ -76,6 +76,8 @@ public:
     // The outcome so far: the settled code (kOk when none) and the reasons
     // noted for it.
     Outcome outcome() const;
+    // The reasons noted so far for `code`, joined; empty when none.
+    std::string reasonsFor(int code) const;
 
 private:
     Operation* joined_ = nullptr;  // the outer operation this one joined

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/layout.h"
+#include "base/operation.h"
 #include "base/package_log.h"
 #include "base/result.h"
 #include "base/utc_time.h"
@@ -86,7 +87,15 @@ public:
             install.origin = package->origin;
             install.refuseDowngrade = true;
             code = installPackage(install, serviceHooks());
-            if (code != kOk) return fail(code, error_, "installing " + name + " failed");
+            if (code != kOk) {
+                // The store noted why in the operation's log line; its words go
+                // on to the task file too.
+                const Operation* operation = Operation::current();
+                const std::string why = operation ? operation->reasonsFor(code) : "";
+                if (error_)
+                    *error_ = "installing " + name + " failed" + (why.empty() ? "" : ": " + why);
+                return code;
+            }
         }
         return kOk;
     }
