@@ -19,7 +19,6 @@
 #include "quorpkg/server/upgrades.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/installed_index.h"
-#include "quorpkg/store/origin.h"
 #include "quorpkg/store/store.h"
 
 namespace {
@@ -68,14 +67,14 @@ std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
 
 // A package whose source could not be asked, or refused what it sent, is
 // not upgraded this time: its own log says why.
-void tellUnchecked(const std::vector<quor::Catalog>& catalogs,
-                   const std::vector<quor::IndexedPackage>& installed) {
+void tellUnchecked(const std::vector<quor::Catalog>& catalogs, const quor::InstalledIndex& index) {
     for (const quor::Catalog& catalog : catalogs) {
         if (catalog.available) continue;
         const std::string origin = catalog.origin();
-        for (const quor::IndexedPackage& package : installed)
-            if (quor::readOrigin(package.name).source == origin)
-                quor::logPackageEvent(package.name, "not checked for upgrades: " + catalog.problem);
+        for (const quor::IndexedPackage& package : index.packages)
+            if (package.origin == origin)
+                quor::logPackageEvent(std::string(package.name),
+                                      "not checked for upgrades: " + catalog.problem);
     }
 }
 
@@ -109,8 +108,10 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
         return quor::fail(code, error);
     }
     if (refreshOnly) return true;
-    if (policy != "none") tellUnchecked(catalogs, index->packages);
-    const quor::Offers offers(catalogs);
+    if (policy != "none") tellUnchecked(catalogs, *index);
+    // Where each installed package came from, as the index keeps it.
+    const quor::Offers offers(catalogs,
+                              [&index](const std::string& name) { return index->origin(name); });
     std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers, index->packages);
     if (out) {
         out->reserve(upgrades.size());

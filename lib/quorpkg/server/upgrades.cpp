@@ -53,8 +53,9 @@ std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
     const Settings settings = loadSettings();
     for (const IndexedPackage& package : installed) {
         UpgradeOffer upgrade;
-        if (package.readable && upgradeOver(offers, package.name, package.version, package.beta,
-                                            limits, settings, upgrade))
+        if (package.readable &&
+            upgradeOver(offers, std::string(package.name), std::string(package.version),
+                        package.beta, limits, settings, upgrade))
             out.push_back(std::move(upgrade));
     }
     return out;
