@@ -26,13 +26,13 @@ namespace {
 using QUORPackageTool::PackageInfo;
 
 PackageInfo offeredRecord(const quor::UpgradeOffer& upgrade) {
+    const quor::EntrySummary& entry = *upgrade.offer.summary;
     PackageInfo info;
     info.name = upgrade.name;
-    info.version = quor::entryText(*upgrade.entry, "version");
-    info.displayname = quor::entryString(*upgrade.entry, "dname");
-    if (info.displayname.empty()) info.displayname = upgrade.name;
-    info.description = quor::entryText(*upgrade.entry, "desc");
-    info.beta = quor::entryFlag(*upgrade.entry, "beta");
+    info.version = entry.version;
+    info.displayname = entry.displayName.empty() ? upgrade.name : entry.displayName;
+    info.description = entry.description;
+    info.beta = entry.beta;
     return info;
 }
 
@@ -49,7 +49,7 @@ std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
     std::erase_if(upgrades, [&](const quor::UpgradeOffer& upgrade) {
         if (policy == "all") return false;
         if (policy == "limit") return !quor::blockedByFirmwareLimit(upgrade);
-        if (policy == "important") return !quor::entryFlag(*upgrade.entry, "important");
+        if (policy == "important") return !upgrade.offer.summary->important;
         return true;
     });
     if (upgrades.size() < 2) return upgrades;
@@ -102,6 +102,8 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
         refreshOnly ? std::make_shared<quor::InstalledIndex>() : quor::loadInstalledIndex();
     quor::CatalogLoad load{fresh, !refreshOnly};
     load.installed = &index->packages;
+    // Only upgrades to apply need their entries' JSON; a report reads none.
+    load.json = policy != "none";
     int code = quor::loadCatalogs(load, lang, catalogs, &error);
     if (code != quor::kOk) {
         syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
@@ -146,6 +148,7 @@ bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
     wanted[0].name = name;
     quor::CatalogLoad load{fresh, true};
     load.installed = &wanted;
+    load.json = false;
     std::string why;
     int code = quor::loadCatalogs(load, lang, catalogs, &why);
     if (code != quor::kOk) return quor::fail(code, why);

@@ -12,11 +12,9 @@
 namespace quor {
 namespace {
 
-bool runsHere(const Json::Value& entry, const std::string& arch, const std::string& firmware) {
-    const std::string wanted = entryText(entry, "arch");
-    if (!wanted.empty() && wanted != "noarch" && wanted != arch) return false;
-    const std::string needs = entryText(entry, "firmware");
-    return needs.empty() || compareVersions(needs, firmware) <= 0;
+bool runsHere(const EntrySummary& entry, const std::string& arch, const std::string& firmware) {
+    if (!entry.arch.empty() && entry.arch != "noarch" && entry.arch != arch) return false;
+    return entry.firmware.empty() || compareVersions(entry.firmware, firmware) <= 0;
 }
 
 bool usableLink(const std::string& link, const Source& source) {
@@ -27,34 +25,46 @@ bool usableLink(const std::string& link, const Source& source) {
 
 }  // namespace
 
+bool offerable(const EntrySummary& entry, const Catalog& catalog, const std::string& arch,
+               const std::string& firmware) {
+    // Without a size a download has no end; without a sha256 a trusted
+    // source vouches for nothing.
+    return isValidVersion(entry.version) && usableLink(entry.link, catalog.source) && entry.sized &&
+           (!catalog.root || entry.sha256) && runsHere(entry, arch, firmware);
+}
+
 Offers::Offers(const std::vector<Catalog>& catalogs, OriginLookup origins)
     : origins_(std::move(origins)) {
     if (!origins_) origins_ = [](const std::string& name) { return readOrigin(name).source; };
     const Settings settings = loadSettings();
     const std::string arch = effectiveArch(settings);
+    summaries_.reserve(catalogs.size());
     for (const Catalog& catalog : catalogs) {
-        for (const Json::Value& entry : catalog.packages) {
-            if (!entry.isObject()) continue;
-            const std::string name = entryText(entry, "package");
-            if (!isValidPackageName(name)) continue;
-            Candidates& candidates = byName_[name];
+        // A catalog read whole is summarized here; one read through its
+        // digest comes with the summaries of the entries asked for.
+        const std::vector<EntrySummary>* entries = &catalog.entries;
+        if (entries->empty() && catalog.packages.isArray()) {
+            std::vector<EntrySummary>& summaries = summaries_.emplace_back();
+            summaries.reserve(catalog.packages.size());
+            for (Json::ArrayIndex i = 0; i < catalog.packages.size(); ++i) {
+                if (!catalog.packages[i].isObject()) continue;
+                summaries.push_back(summarizeEntry(catalog.packages[i]));
+                summaries.back().json = static_cast<int>(i);
+            }
+            entries = &summaries;
+        }
+        for (const EntrySummary& entry : *entries) {
+            if (!isValidPackageName(entry.name)) continue;
+            Candidates& candidates = byName_[entry.name];
             if (!candidates.first) candidates.first = &catalog;
-            if (!catalog.available) continue;
-            Offer offer{&entry,
-                        &catalog.source,
-                        &catalog.plainLinkPrefix,
-                        entryText(entry, "version"),
-                        entryFlag(entry, "beta"),
-                        &catalog};
-            // Without a size a download has no end; without a sha256 a
-            // trusted source vouches for nothing.
-            if (!isValidVersion(offer.version) ||
-                !usableLink(entryText(entry, "link"), catalog.source) ||
-                !entry["size"].isUInt64() ||
-                (catalog.root && !isLowerHex(entryText(entry, "sha256"), 64)) ||
-                !runsHere(entry, arch, settings.firmware_version))
+            if (!catalog.available || !offerable(entry, catalog, arch, settings.firmware_version))
                 continue;
-            candidates.offers.push_back(std::move(offer));
+            const Json::Value* json =
+                entry.json >= 0 ? &catalog.packages[static_cast<Json::ArrayIndex>(entry.json)]
+                                : nullptr;
+            candidates.offers.push_back(Offer{&entry, json, &catalog.source,
+                                              &catalog.plainLinkPrefix, entry.version, entry.beta,
+                                              &catalog});
         }
     }
     // Newest first; for one version the server listed first wins.
@@ -93,7 +103,7 @@ const std::vector<Offer>& Offers::all(const std::string& name) const {
 
 // Without loading libcurl when the catalog came with its links' prefix.
 std::string resolvedLink(const Offer& offer) {
-    const std::string link = entryText(*offer.entry, "link");
+    const std::string& link = offer.summary->link;
     const std::string* prefix = offer.plainLinkPrefix;
     const std::string resolved = prefix && !prefix->empty() && isPlainLink(link)
                                      ? *prefix + link
@@ -103,7 +113,7 @@ std::string resolvedLink(const Offer& offer) {
 
 bool resolvedEntry(const Offer& offer, Json::Value& out) {
     const std::string link = resolvedLink(offer);
-    if (link.empty()) return false;
+    if (link.empty() || !offer.entry) return false;
     out = *offer.entry;
     out["link"] = link;
     if (out.isMember("size") && !out["size"].isUInt64()) out.removeMember("size");
