@@ -25,15 +25,14 @@ namespace {
 
 using QUORPackageTool::PackageInfo;
 
-PackageInfo offeredRecord(const quor::UpgradeOffer& upgrade) {
+// Fills a new record in place: a PackageInfo is large and has no move.
+void fillOfferedRecord(const quor::UpgradeOffer& upgrade, PackageInfo& info) {
     const quor::EntrySummary& entry = *upgrade.offer.summary;
-    PackageInfo info;
     info.name = upgrade.name;
     info.version = entry.version;
     info.displayname = entry.displayName.empty() ? upgrade.name : entry.displayName;
     info.description = entry.description;
     info.beta = entry.beta;
-    return info;
 }
 
 // Which upgrades to apply: all of them or those the firmware limit blocks
@@ -117,7 +116,8 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
     std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers, index->packages);
     if (out) {
         out->reserve(upgrades.size());
-        for (const quor::UpgradeOffer& upgrade : upgrades) out->push_back(offeredRecord(upgrade));
+        for (const quor::UpgradeOffer& upgrade : upgrades)
+            fillOfferedRecord(upgrade, out->emplace_back());
     }
 
     // Every upgrade is tried; the first failure decides the result.

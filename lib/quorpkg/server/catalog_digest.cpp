@@ -95,15 +95,14 @@ bool parseNumber(std::string_view text, Number& out) {
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
-// One line's entry, with where it is in the catalog.
+// Where a line's entry is in the catalog (its summary is kept beside).
 struct Line {
-    EntrySummary summary;
     size_t start = 0;
     size_t limit = 0;
     bool wanted = false;  // newer than installed: its JSON may be needed
 };
 
-bool parseLine(std::string_view line, Line& out) {
+bool parseLine(std::string_view line, EntrySummary& entry, Line& out) {
     std::string_view fields[11];
     for (size_t i = 0; i + 1 < std::size(fields); ++i) {
         const size_t tab = line.find('\t');
@@ -113,7 +112,6 @@ bool parseLine(std::string_view line, Line& out) {
     }
     fields[10] = line;
     unsigned flags = 0;
-    EntrySummary& entry = out.summary;
     if (line.find('\t') != std::string_view::npos || !parseNumber(fields[1], out.start) ||
         !parseNumber(fields[2], out.limit) || out.limit <= out.start ||
         !parseNumber(fields[4], flags) || !parseNumber(fields[5], entry.phase) ||
@@ -134,10 +132,11 @@ bool newer(const IndexedPackage& installed, std::string_view version) {
     return !installed.readable || compareVersions(version, installed.version) > 0;
 }
 
-// The lines of the packages `installed` (sorted by name), catalog order
-// kept within a name. False when the body is not a digest's.
+// The summaries of the entries of the packages `installed` (sorted by
+// name) and where they are, catalog order kept within a name. False when
+// the body is not a digest's.
 bool linesOf(std::string_view body, const std::vector<IndexedPackage>& installed,
-             std::vector<Line>& out) {
+             std::vector<EntrySummary>& entries, std::vector<Line>& lines) {
     auto package = installed.begin();
     while (!body.empty() && package != installed.end()) {
         size_t end = body.find('\n');
@@ -148,10 +147,9 @@ bool linesOf(std::string_view body, const std::vector<IndexedPackage>& installed
         const std::string_view name = text.substr(0, text.find('\t'));
         while (package != installed.end() && package->name < name) ++package;
         if (package == installed.end() || package->name != name) continue;
-        Line line;
-        if (!parseLine(text, line)) return false;
-        line.wanted = newer(*package, line.summary.version);
-        out.push_back(std::move(line));
+        Line& line = lines.emplace_back();
+        if (!parseLine(text, entries.emplace_back(), line)) return false;
+        line.wanted = newer(*package, entries.back().version);
     }
     return true;
 }
@@ -165,26 +163,28 @@ bool parseEntry(Json::CharReader& reader, std::string_view text, Json::Value& ou
     }
 }
 
-// The JSON of the wanted lines' entries, appended to `found`, each line's
+// The JSON of the wanted lines' entries, appended to `found`, each entry's
 // summary pointing to its own. False when a range does not hold the entry
 // it names: the digest is not this catalog's.
-bool readWantedEntries(const fs::path& list, std::vector<Line>& lines, Json::Value& found) {
+bool readWantedEntries(const fs::path& list, const std::vector<Line>& lines,
+                       std::vector<EntrySummary>& entries, Json::Value& found) {
     UniqueFd fd(::open(list.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return false;
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string text;
-    for (Line& line : lines) {
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const Line& line = lines[i];
         if (!line.wanted) continue;
         text.resize(line.limit - line.start);
         if (::pread(fd.get(), text.data(), text.size(), static_cast<off_t>(line.start)) !=
             static_cast<ssize_t>(text.size()))
             return false;
         Json::Value entry;
-        if (!parseEntry(*reader, text, entry) || entryText(entry, "package") != line.summary.name)
+        if (!parseEntry(*reader, text, entry) || entryText(entry, "package") != entries[i].name)
             return false;
-        line.summary.json = static_cast<int>(found.size());
+        entries[i].json = static_cast<int>(found.size());
         found.append(std::move(entry));
     }
     return true;
@@ -230,17 +230,16 @@ bool readDigestedEntries(const fs::path& list, const std::string& hash, const Ca
     const std::string_view prefix = body.substr(0, prefixEnd);
     body.remove_prefix(prefixEnd + 1);
 
+    // The lines of one name are in catalog order, so that the server's first
+    // entry of a version stays first; the order among names matters to no one.
+    std::vector<EntrySummary> entries;
     std::vector<Line> lines;
-    if (!linesOf(body, *how.installed, lines)) return false;
-    // Catalog order, so that the server's first entry of a version stays first.
-    std::sort(lines.begin(), lines.end(),
-              [](const Line& a, const Line& b) { return a.start < b.start; });
-
+    entries.reserve(how.installed->size());
+    lines.reserve(how.installed->size());
+    if (!linesOf(body, *how.installed, entries, lines)) return false;
     Json::Value found(Json::arrayValue);
-    if (how.json && !readWantedEntries(list, lines, found)) return false;
-    out.entries.clear();
-    out.entries.reserve(lines.size());
-    for (Line& line : lines) out.entries.push_back(std::move(line.summary));
+    if (how.json && !readWantedEntries(list, lines, entries, found)) return false;
+    out.entries = std::move(entries);
     out.packages.swap(found);
     out.plainLinkPrefix = prefix;
     return true;

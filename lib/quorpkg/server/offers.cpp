@@ -1,6 +1,7 @@
 #include "quorpkg/server/offers.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/settings.h"
 #include "quorpkg/package/manifest.h"
@@ -39,7 +40,12 @@ Offers::Offers(const std::vector<Catalog>& catalogs, OriginLookup origins)
     const Settings settings = loadSettings();
     const std::string arch = effectiveArch(settings);
     summaries_.reserve(catalogs.size());
+    size_t count = 0;
+    for (const Catalog& catalog : catalogs)
+        count += catalog.entries.empty() ? catalog.packages.size() : catalog.entries.size();
+    byName_.reserve(count);
     for (const Catalog& catalog : catalogs) {
+        catalogOrigins_.emplace_back(&catalog, catalog.origin());
         // A catalog read whole is summarized here; one read through its
         // digest comes with the summaries of the entries asked for.
         const std::vector<EntrySummary>* entries = &catalog.entries;
@@ -69,6 +75,7 @@ Offers::Offers(const std::vector<Catalog>& catalogs, OriginLookup origins)
     }
     // Newest first; for one version the server listed first wins.
     for (auto& [name, candidates] : byName_) {
+        if (candidates.offers.size() < 2) continue;  // a sort would still take a buffer
         std::stable_sort(candidates.offers.begin(), candidates.offers.end(),
                          [](const Offer& a, const Offer& b) {
                              return compareVersions(a.version, b.version) > 0;
@@ -86,19 +93,31 @@ const std::vector<Offer>& Offers::all(const std::string& name) const {
     static const std::vector<Offer> none;
     auto found = byName_.find(name);
     if (found == byName_.end()) return none;
-    auto chosen = chosen_.find(name);
-    if (chosen != chosen_.end()) return chosen->second;
-    // An installed package stays with its source; anything else comes from
-    // the first source that lists it, and from none while that one cannot
-    // be asked.
-    const std::string origin = origins_(name);
-    std::vector<Offer>& out = chosen_[name];
-    for (const Offer& offer : found->second.offers) {
-        const bool fromSource = origin != kLocalOrigin ? offer.catalog->origin() == origin
-                                                       : offer.catalog == found->second.first;
-        if (fromSource) out.push_back(offer);
+    const Candidates& candidates = found->second;
+    if (!candidates.known) {
+        // An installed package stays with its source; anything else comes
+        // from the first source that lists it, and from none while that one
+        // cannot be asked.
+        const std::string origin = origins_(name);
+        auto fromSource = [&](const Offer& offer) {
+            return origin != kLocalOrigin ? originOf(offer.catalog) == origin
+                                          : offer.catalog == candidates.first;
+        };
+        candidates.all =
+            std::all_of(candidates.offers.begin(), candidates.offers.end(), fromSource);
+        if (!candidates.all)
+            std::copy_if(candidates.offers.begin(), candidates.offers.end(),
+                         std::back_inserter(candidates.chosen), fromSource);
+        candidates.known = true;
     }
-    return out;
+    return candidates.all ? candidates.offers : candidates.chosen;
+}
+
+const std::string& Offers::originOf(const Catalog* catalog) const {
+    static const std::string none;
+    for (const auto& [known, origin] : catalogOrigins_)
+        if (known == catalog) return origin;
+    return none;
 }
 
 // Without loading libcurl when the catalog came with its links' prefix.

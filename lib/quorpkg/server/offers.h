@@ -56,12 +56,20 @@ private:
     struct Candidates {
         std::vector<Offer> offers;       // of every source
         const Catalog* first = nullptr;  // the first source listing the name
+        // Those the name may come from, once asked for: all of `offers`
+        // (the usual case, nothing copied) or `chosen`.
+        mutable bool known = false;
+        mutable bool all = false;
+        mutable std::vector<Offer> chosen;
     };
+    const std::string& originOf(const Catalog* catalog) const;
+
+    // Catalog::origin() of each catalog, worked out once.
+    std::vector<std::pair<const Catalog*, std::string>> catalogOrigins_;
     // Summaries of the catalogs read whole, one list per catalog.
     std::vector<std::vector<EntrySummary>> summaries_;
     std::unordered_map<std::string, Candidates> byName_;
     OriginLookup origins_;
-    mutable std::unordered_map<std::string, std::vector<Offer>> chosen_;
 };
 
 // Whether an entry with a valid name may be offered from `catalog` to a

@@ -48,6 +48,7 @@ bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& ou
 std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
                                        const std::vector<IndexedPackage>& installed) {
     std::vector<UpgradeOffer> out;
+    out.reserve(installed.size());
     const FirmwareLimits limits = FirmwareLimits::load();
     const Settings settings = loadSettings();
     for (const IndexedPackage& package : installed) {
