@@ -25,7 +25,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     std::vector<quor::Catalog> catalogs(1);
-    catalogs[0].source = {"quorserver", "http://127.0.0.1/repo/", 0};
+    catalogs[0].source.id = "quorserver";
+    catalogs[0].source.url = "http://127.0.0.1/repo/";
+    catalogs[0].source.urls = {catalogs[0].source.url};
     if (!quor::parseCatalog(text, catalogs[0].packages)) return 0;
     const quor::Offers offers(catalogs);
     for (const Json::Value& entry : catalogs[0].packages) {
