@@ -111,6 +111,51 @@ TEST_F(InstalledIndexTest, ChangesStampTheIndexAndListingsTrustIt) {
     EXPECT_TRUE(stamped);
 }
 
+// Every field of a record, as text.
+std::string describe(const PackageInfo& info) {
+    std::string text = info.name + "|" + info.version + "|" + info.description + "|" +
+                       info.maintainer + "|" + info.manager_url + "|" + info.displayname + "|" +
+                       info.ui_dir + "|" + std::to_string(info.beta) + "|" +
+                       std::to_string(info.admin_port) + "|" + std::to_string(info.script_mask);
+    for (const std::string& service : info.list_a) text += "|service " + service;
+    for (const auto& dep : info.basic_list_a)
+        text += "|needs " + dep.basic_text_a + dep.basic_text_b;
+    for (const auto& dep : info.basic_list_b) text += "|not " + dep.basic_text_a + dep.basic_text_b;
+    for (const auto& [key, value] : info.extra.fields) text += "|" + key + "=" + value;
+    return text;
+}
+
+TEST_F(InstalledIndexTest, ARecordFromTheIndexIsTheRecordFromThePackageFolder) {
+    install("alpha", "1.0");
+    PackageSource source;
+    source.name = "full";
+    source.version = "2.0-1";
+    source.info = {{"displayname", "Full: \"all\" keys"},
+                   {"description", "a=b: c"},
+                   {"maintainer", "someone"},
+                   {"manager_url", "http://x/"},
+                   {"ui_dir", "bin"},
+                   {"admin_port", "8080"},
+                   {"beta", "yes"},
+                   {"install_dep_packages", "alpha>=1.0:alpha"},
+                   {"install_conflict_packages", "zeta<2"},
+                   {"install_dep_services", "pgsql smb"},
+                   {"firmware", "1.0"},
+                   {"arch", "noarch"},
+                   {"homepage", "http://y/"}};
+    source.scripts = {{"start-stop-status", "#!/bin/sh\n"}, {"postinst", "#!/bin/sh\n"}};
+    ASSERT_EQ(StoreTest::install(source), kOk);
+
+    PackageManager manager;
+    PackageInfo fromFolder, fromIndex;
+    ASSERT_TRUE(manager.getPackageInfo("full", fromFolder, nullptr, ~0ULL));
+    EXPECT_NE(describe(fromFolder).find("|needs alpha>=1.0|"), std::string::npos)
+        << describe(fromFolder);
+    manager.enumPackages(nullptr, ~0ULL);  // the listing's lookups answer from the index
+    ASSERT_TRUE(manager.getPackageInfo("full", fromIndex, nullptr, ~0ULL));
+    EXPECT_EQ(describe(fromIndex), describe(fromFolder));
+}
+
 TEST_F(InstalledIndexTest, AnIndexOutOfStepWithThePackagesIsNeverBelieved) {
     install("alpha", "1.0");
     install("beta", "1.0");
