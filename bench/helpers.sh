@@ -16,6 +16,25 @@ hyperfine_pair() {
   hyperfine "${options[@]}" --export-json "$results/$name.json" "${commands[@]}"
 }
 
+# same_output ROOT ARGS...: with $BASELINE set, `quorpkg ARGS...` on the
+# device ROOT must print the same bytes and end with the same status with
+# both binaries; notes how many bytes were compared.
+same_output() {
+  [ -n "${BASELINE:-}" ] || return 0
+  local root=$1; shift
+  local side binary status
+  for side in new base; do
+    binary=$QUORPKG
+    [ "$side" = new ] || binary=$BASELINE
+    status=0
+    QUOR_ROOT=$root "$binary" "$@" > "$work/output.$side" || status=$?
+    echo "status $status" >> "$work/output.$side"
+  done
+  cmp "$work/output.new" "$work/output.base"
+  echo "- Output of \`quorpkg $*\` on ${root#"$work"/}: the same as the baseline's" \
+    "($(wc -c < "$work/output.new") bytes with the status line)." | tee -a "$results/notes.md"
+}
+
 # peak_rss LABEL COMMAND...: runs COMMAND once under /usr/bin/time -v and
 # adds its peak resident set size to the notes of the section.
 peak_rss() {

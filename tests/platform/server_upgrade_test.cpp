@@ -177,13 +177,16 @@ TEST_F(CatalogDigest, CachedChecksReadOnlyTheInstalledEntries) {
     EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
     EXPECT_TRUE(QUORPackageServer::PMSCheckUpgrade(false, "lib", "enu"));
 
-    // An entry of a package that is not installed is never parsed: a kept
-    // catalog broken there still serves the check, and stays as it is.
-    // Nor is one of an installed package that is not newer than installed.
+    // A check that only reports reads no entry at all: the digest holds what
+    // it reports. Nor does any check parse an entry of a package that is not
+    // installed, or one not newer than installed: a kept catalog broken
+    // there still serves, and stays as it is.
+    blankEntry("app", 'x');
     blankEntry("helper", 'x');
     blankEntry("lib", 'x', "0.9");
     const std::string broken = readFile(keptCatalog()).value();
     EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
+    EXPECT_TRUE(QUORPackageServer::PMSCheckUpgrade(false, "app", "enu"));
     EXPECT_EQ(readFile(keptCatalog()), broken);
     // Without the digest the whole catalog is parsed: it fails, and the
     // catalog is downloaded again.
@@ -191,8 +194,21 @@ TEST_F(CatalogDigest, CachedChecksReadOnlyTheInstalledEntries) {
     EXPECT_EQ(offered(false), "app 1.1;lib 1.1;");
     EXPECT_NE(readFile(keptCatalog()), broken);
 
-    // Upgrades from the digest download from the links it resolves.
-    ASSERT_TRUE(fs::exists(digest));
+    // Upgrades read the JSON of what they install through the digest, and
+    // believe no range that holds another package's entry: with lib's
+    // range pointing at app's entry, the whole catalog decides.
+    const std::string current = readFile(digest).value();
+    // Where the start and limit are in the line of `name` at 1.1.
+    auto rangeOf = [&](const std::string& name) {
+        const size_t line = current.rfind('\n', current.find("\t" + name + "-1.1.zpk\t")) + 1;
+        const size_t start = line + name.size() + 1;
+        return std::pair{start, current.find('\t', current.find('\t', start) + 1) - start};
+    };
+    std::string swapped = current;
+    const auto [appAt, appSize] = rangeOf("app");
+    const auto [libAt, libSize] = rangeOf("lib");
+    swapped.replace(libAt, libSize, current.substr(appAt, appSize));
+    ASSERT_TRUE(writeFileAtomic(digest, swapped));
     EXPECT_TRUE(PMSCheckUpgrade(false, nullptr, "enu", nullptr, true, false));
     EXPECT_EQ(versions(), "app 1.1;helper 1.0;lib 1.1;");
 }
@@ -213,23 +229,72 @@ TEST_F(CatalogDigest, ADigestOutOfStepWithTheKeptCatalogIsNeverBelieved) {
     ASSERT_TRUE(writeFileAtomic(list, text));
     EXPECT_EQ(offered(false), "app 1.1;lib 1.9;");
 
-    // A range that points at another package's entry, or at no entry, a
-    // digest of the old file, or one that is not a digest: the whole catalog
-    // decides.
-    std::string swapped = readFile(digest).value();
-    size_t appLine = swapped.find("\napp\t") + 1, libLine = swapped.find("\nlib\t") + 1;
-    const std::string appRange =
-        swapped.substr(appLine + 3, swapped.find('\n', appLine) - appLine - 3);
-    const std::string libRange =
-        swapped.substr(libLine + 3, swapped.find('\n', libLine) - libLine - 3);
-    std::string bad = swapped;
-    bad.replace(libLine + 3, libRange.size(), appRange);
+    // A line cut short, a digest of the old file, one of an older format or
+    // one that is not a digest: the whole catalog decides.
+    const std::string current = readFile(digest).value();
+    const size_t body = current.find('\n', current.find('\n', current.find('\n') + 1) + 1) + 1;
     for (const std::string& wrong :
-         {bad, swapped.substr(0, swapped.find("\napp\t")) + "\napp\t1\t5\n", goodDigest,
-          std::string("quorpkg-catalog-digest 1\n"), std::string("junk")}) {
+         {current.substr(0, current.find("\napp\t")) + "\napp\t1\t5\n", goodDigest,
+          "quorpkg-catalog-digest 2\n" + current.substr(current.find('\n') + 1),
+          current.substr(0, body) + "lib\t1\t5\t1.9\n", std::string("junk")}) {
         ASSERT_TRUE(writeFileAtomic(digest, wrong));
         EXPECT_EQ(offered(false), "app 1.1;lib 1.9;") << wrong;
     }
+}
+
+// A check from the digest applies every rule the JSON of the entries does:
+// each package below has newer entries that a rule leaves out before the
+// one that is offered.
+TEST_F(CatalogDigest, ChecksFromTheDigestAndFromTheCatalogAgree) {
+    for (const char* name : {"a", "b", "c", "d", "e", "f", "h"})
+        installLocal(packageSource(name, "1.0"));
+    installLocal(packageSource("g", "1.0~b1", {{"beta", "yes"}}));
+    const std::string sha = "\"sha256\":\"" + std::string(64, 'a') + "\"";
+    auto entry = [&](const std::string& name, const std::string& version,
+                     const std::string& more = "") {
+        return "{\"package\":\"" + name + "\",\"version\":\"" + version + "\",\"link\":\"" + name +
+               ".zpk\",\"size\":10," + sha + more + "},";
+    };
+    std::string text = "{\"packages\":[";
+    text += R"({"package":"a","version":"3.0","link":"a.zpk",)" + sha + "},";
+    text += R"({"package":"a","version":"2.5","link":"a.zpk","size":"12",)" + sha + "},";
+    text += entry("a", "2.0", R"(,"dname":"A\tB\nC\\D","desc":42)");
+    text += R"({"package":"b","version":"3.0","link":"b.zpk","size":10},)";
+    text += entry("b", "2.0", R"(,"important":"yes","desc":"tab\there")");
+    text += entry("c", "3.0", R"(,"arch":"mips")") + entry("c", "2.5", R"(,"firmware":"99.0")");
+    text += entry("c", "2.0", R"(,"arch":"noarch","firmware":"1.0")");
+    text += entry("d", "3.0", R"(,"beta":true)") + entry("d", "2.0", R"(,"phase":0)");
+    text += entry("d", "1.5", R"(,"phase":100)");
+    text += R"({"package":"e","version":"3.0","link":"file:///etc/passwd","size":10,)" + sha + "},";
+    text += entry("e", "2 0") + entry("e", "2.0", R"(,"dname":5)");
+    text += entry("f", "1.0") + entry("g", "1.0~b2", R"(,"beta":"yes")");
+    text += R"({"package":"h","version":"2.0","link":"http://127.0.0.1:1/other/h.zpk","size":10,)" +
+            sha + "},";
+    text += entry("zzz", "1.0") + "7]}";
+    channel->releaseText(text);
+
+    auto report = [](bool fresh) {
+        std::vector<PackageInfo> out;
+        EXPECT_TRUE(PMSCheckUpgrade(fresh, nullptr, "enu", &out));
+        std::string lines;
+        for (const PackageInfo& info : out)
+            lines += info.name + " " + info.version + " [" + info.displayname + "] [" +
+                     info.description + "] " + (info.beta ? "beta" : "-") + "\n";
+        return lines;
+    };
+    const std::string expected =
+        "a 2.0 [A\tB\nC\\D] [42] -\nb 2.0 [b] [tab\there] -\nc 2.0 [c] [] -\n"
+        "d 1.5 [d] [] -\ne 2.0 [e] [] -\ng 1.0~b2 [g] [] beta\nh 2.0 [h] [] -\n";
+    EXPECT_EQ(report(true), expected);
+    // The kept catalog blanked in place: only the digest can answer (a
+    // catalog that cannot be read would be downloaded again).
+    const std::string blank(fs::file_size(keptCatalog()), ' ');
+    UniqueFd fd(::open(keptCatalog().c_str(), O_WRONLY));
+    ASSERT_EQ(::pwrite(fd.get(), blank.data(), blank.size(), 0), ssize_t(blank.size()));
+    EXPECT_EQ(report(false), expected);
+    EXPECT_EQ(readFile(keptCatalog()), blank);
+    EXPECT_TRUE(QUORPackageServer::PMSCheckUpgrade(false, "d", "enu"));
+    EXPECT_FALSE(QUORPackageServer::PMSCheckUpgrade(false, "f", "enu"));
 }
 
 }  // namespace

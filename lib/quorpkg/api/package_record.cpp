@@ -2,7 +2,6 @@
 // the dependencies read back from such a record.
 #include "quorpkg/api/package_record.h"
 
-#include <array>
 #include <string_view>
 
 #include "base/result.h"
@@ -11,41 +10,20 @@
 namespace quor {
 namespace {
 
-// Manifest keys that have a record field of their own; all others go to
-// extra.fields.
-constexpr std::array<std::string_view, 12> kFieldKeys = {"package",
-                                                         "version",
-                                                         "displayname",
-                                                         "description",
-                                                         "maintainer",
-                                                         "manager_url",
-                                                         "admin_port",
-                                                         "ui_dir",
-                                                         "beta",
-                                                         "install_dep_packages",
-                                                         "install_conflict_packages",
-                                                         "install_dep_services"};
-
-bool hasField(std::string_view key) {
-    for (std::string_view known : kFieldKeys)
-        if (key == known) return true;
-    return false;
-}
-
-std::vector<QUORPackageTool::PackageBasicInfo> basicList(const std::vector<Dependency>& deps) {
-    std::vector<QUORPackageTool::PackageBasicInfo> list;
-    for (const Dependency& dep : deps) {
-        QUORPackageTool::PackageBasicInfo item;
-        item.basic_text_a = dep.name;
-        item.basic_text_b = dep.op + dep.version;
-        list.push_back(std::move(item));
+void fillBasicList(const std::vector<DependencyView>& deps,
+                   std::vector<QUORPackageTool::PackageBasicInfo>& out) {
+    out.clear();
+    out.resize(deps.size());
+    for (size_t i = 0; i < deps.size(); ++i) {
+        out[i].basic_text_a = deps[i].name;
+        out[i].basic_text_b.assign(deps[i].op).append(deps[i].version);
     }
-    return list;
 }
 
 }  // namespace
 
-void fillPackageInfo(const Manifest& manifest, int scriptMask, QUORPackageTool::PackageInfo& out) {
+void fillPackageInfo(const ManifestView& manifest, int scriptMask,
+                     QUORPackageTool::PackageInfo& out) {
     out.name = manifest.name;
     out.version = manifest.version;
     out.description = manifest.description;
@@ -56,12 +34,14 @@ void fillPackageInfo(const Manifest& manifest, int scriptMask, QUORPackageTool::
     out.beta = manifest.beta;
     out.admin_port = manifest.admin_port;
     out.script_mask = scriptMask;
-    out.list_a = manifest.services;
-    out.basic_list_a = basicList(manifest.depends);
-    out.basic_list_b = basicList(manifest.conflicts);
-    out.extra.fields.clear();
-    for (const auto& pair : manifest.pairs)
-        if (!hasField(pair.first)) out.extra.fields.push_back(pair);
+    out.list_a.assign(manifest.services.begin(), manifest.services.end());
+    fillBasicList(manifest.depends, out.basic_list_a);
+    fillBasicList(manifest.conflicts, out.basic_list_b);
+    out.extra.fields.assign(manifest.otherPairs.begin(), manifest.otherPairs.end());
+}
+
+void fillPackageInfo(const Manifest& manifest, int scriptMask, QUORPackageTool::PackageInfo& out) {
+    fillPackageInfo(viewOf(manifest), scriptMask, out);
 }
 
 std::vector<Dependency> dependenciesOf(const QUORPackageTool::PackageInfo& info) {
@@ -91,18 +71,17 @@ int readInstalledRecord(const std::string& name, QUORPackageTool::PackageInfo& o
     Manifest manifest;
     int code = readInstalledManifest(name, manifest);
     if (code != kOk) return code;
-    QUORPackageTool::PackageInfo info;
-    fillPackageInfo(manifest, installedScriptMask(name), info);
-    out = std::move(info);
+    fillPackageInfo(manifest, installedScriptMask(name), out);
     return kOk;
 }
 
 int indexedRecord(const IndexedPackage& package, QUORPackageTool::PackageInfo& out) {
-    Manifest manifest;
-    if (int code = indexedManifest(package, manifest)) return code;
-    QUORPackageTool::PackageInfo info;
-    fillPackageInfo(manifest, package.scriptMask, info);
-    out = std::move(info);
+    ManifestView manifest;
+    if (!package.readable) return kBroken;
+    // A damaged entry: the package folder answers.
+    if (!indexedManifest(package, manifest))
+        return readInstalledRecord(std::string(package.name), out);
+    fillPackageInfo(manifest, package.scriptMask, out);
     return kOk;
 }
 

@@ -7,6 +7,7 @@
 
 #include "pkg_manager.h"
 #include "quorpkg/package/manifest.h"
+#include "quorpkg/package/manifest_view.h"
 #include "quorpkg/store/installed_index.h"
 
 namespace quor {
@@ -17,6 +18,8 @@ namespace quor {
 // basic_text_a, "op version" joined as in ">=1.2" in basic_text_b),
 // basic_list_b (conflicts) and extra.fields (firmware, arch, checksum and
 // unknown keys).
+void fillPackageInfo(const ManifestView& manifest, int scriptMask,
+                     QUORPackageTool::PackageInfo& out);
 void fillPackageInfo(const Manifest& manifest, int scriptMask, QUORPackageTool::PackageInfo& out);
 
 // The dependencies of a record filled by fillPackageInfo. A constraint that

@@ -19,22 +19,20 @@
 #include "quorpkg/server/upgrades.h"
 #include "quorpkg/store/dependencies.h"
 #include "quorpkg/store/installed_index.h"
-#include "quorpkg/store/origin.h"
 #include "quorpkg/store/store.h"
 
 namespace {
 
 using QUORPackageTool::PackageInfo;
 
-PackageInfo offeredRecord(const quor::UpgradeOffer& upgrade) {
-    PackageInfo info;
+// Fills a new record in place: a PackageInfo is large and has no move.
+void fillOfferedRecord(const quor::UpgradeOffer& upgrade, PackageInfo& info) {
+    const quor::EntrySummary& entry = *upgrade.offer.summary;
     info.name = upgrade.name;
-    info.version = quor::entryText(*upgrade.entry, "version");
-    info.displayname = quor::entryString(*upgrade.entry, "dname");
-    if (info.displayname.empty()) info.displayname = upgrade.name;
-    info.description = quor::entryText(*upgrade.entry, "desc");
-    info.beta = quor::entryFlag(*upgrade.entry, "beta");
-    return info;
+    info.version = entry.version;
+    info.displayname = entry.displayName.empty() ? upgrade.name : entry.displayName;
+    info.description = entry.description;
+    info.beta = entry.beta;
 }
 
 // Which upgrades to apply: all of them or those the firmware limit blocks
@@ -50,7 +48,7 @@ std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
     std::erase_if(upgrades, [&](const quor::UpgradeOffer& upgrade) {
         if (policy == "all") return false;
         if (policy == "limit") return !quor::blockedByFirmwareLimit(upgrade);
-        if (policy == "important") return !quor::entryFlag(*upgrade.entry, "important");
+        if (policy == "important") return !upgrade.offer.summary->important;
         return true;
     });
     if (upgrades.size() < 2) return upgrades;
@@ -68,14 +66,14 @@ std::vector<quor::UpgradeOffer> chosen(std::vector<quor::UpgradeOffer> upgrades,
 
 // A package whose source could not be asked, or refused what it sent, is
 // not upgraded this time: its own log says why.
-void tellUnchecked(const std::vector<quor::Catalog>& catalogs,
-                   const std::vector<quor::IndexedPackage>& installed) {
+void tellUnchecked(const std::vector<quor::Catalog>& catalogs, const quor::InstalledIndex& index) {
     for (const quor::Catalog& catalog : catalogs) {
         if (catalog.available) continue;
         const std::string origin = catalog.origin();
-        for (const quor::IndexedPackage& package : installed)
-            if (quor::readOrigin(package.name).source == origin)
-                quor::logPackageEvent(package.name, "not checked for upgrades: " + catalog.problem);
+        for (const quor::IndexedPackage& package : index.packages)
+            if (package.origin == origin)
+                quor::logPackageEvent(std::string(package.name),
+                                      "not checked for upgrades: " + catalog.problem);
     }
 }
 
@@ -103,18 +101,23 @@ bool PMSCheckUpgrade(bool fresh, const char* /*user*/, const char* lang,
         refreshOnly ? std::make_shared<quor::InstalledIndex>() : quor::loadInstalledIndex();
     quor::CatalogLoad load{fresh, !refreshOnly};
     load.installed = &index->packages;
+    // Only upgrades to apply need their entries' JSON; a report reads none.
+    load.json = policy != "none";
     int code = quor::loadCatalogs(load, lang, catalogs, &error);
     if (code != quor::kOk) {
         syslog(LOG_ERR, "upgrade check failed: %s", error.c_str());
         return quor::fail(code, error);
     }
     if (refreshOnly) return true;
-    if (policy != "none") tellUnchecked(catalogs, index->packages);
-    const quor::Offers offers(catalogs);
+    if (policy != "none") tellUnchecked(catalogs, *index);
+    // Where each installed package came from, as the index keeps it.
+    const quor::Offers offers(catalogs,
+                              [&index](const std::string& name) { return index->origin(name); });
     std::vector<quor::UpgradeOffer> upgrades = quor::findUpgrades(offers, index->packages);
     if (out) {
         out->reserve(upgrades.size());
-        for (const quor::UpgradeOffer& upgrade : upgrades) out->push_back(offeredRecord(upgrade));
+        for (const quor::UpgradeOffer& upgrade : upgrades)
+            fillOfferedRecord(upgrade, out->emplace_back());
     }
 
     // Every upgrade is tried; the first failure decides the result.
@@ -145,6 +148,7 @@ bool PMSCheckUpgrade(bool fresh, const char* name, const char* lang) {
     wanted[0].name = name;
     quor::CatalogLoad load{fresh, true};
     load.installed = &wanted;
+    load.json = false;
     std::string why;
     int code = quor::loadCatalogs(load, lang, catalogs, &why);
     if (code != quor::kOk) return quor::fail(code, why);

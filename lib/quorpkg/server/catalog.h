@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quorpkg/package/channel_metadata.h"
+#include "quorpkg/server/entry_summary.h"
 #include "quorpkg/server/sources.h"
 #include "quorpkg/store/installed_index.h"
 
@@ -18,7 +19,11 @@ namespace quor {
 
 struct Catalog {
     Source source;
-    Json::Value packages;  // the catalog's "packages" array
+    Json::Value packages;  // the catalog's "packages" array, or the entries read of it
+    // Read through a digest: the summaries of the entries asked for, in
+    // catalog order, each pointing to its JSON in `packages` when that was
+    // read too. Empty when `packages` holds the whole catalog.
+    std::vector<EntrySummary> entries;
     // Read through a digest: what plain links resolve against (see
     // plainLinkPrefix); empty when links are resolved one by one.
     std::string plainLinkPrefix;
@@ -44,9 +49,13 @@ struct CatalogLoad {
     bool parse = true;
     // When set (sorted by name), only these packages' entries are needed,
     // and of those only versions newer than the installed one where it is
-    // known (readable): a kept catalog with a current digest gives just
-    // those, without reading the others (see catalog_digest.h).
+    // known (readable) to be installed: a kept catalog with a current digest
+    // gives their summaries, and the JSON of those, without reading the
+    // others (see catalog_digest.h).
     const std::vector<IndexedPackage>* installed = nullptr;
+    // False: summaries are all the caller needs (a check that only
+    // reports), so a kept catalog with a current digest is not read at all.
+    bool json = true;
 };
 
 // One catalog per configured source, in the order of the sources file.

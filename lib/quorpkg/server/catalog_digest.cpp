@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -23,7 +24,7 @@ namespace fs = std::filesystem;
 namespace quor {
 namespace {
 
-constexpr std::string_view kHeader = "quorpkg-catalog-digest 2\n";
+constexpr std::string_view kHeader = "quorpkg-catalog-digest 3\n";
 
 fs::path digestFile(const fs::path& list) {
     return fs::path(list.string() + ".digest");
@@ -36,47 +37,119 @@ std::optional<std::string> identity(const fs::path& list, const std::string& has
     return std::to_string(st.st_ino) + " " + std::to_string(st.st_size) + " " + hash;
 }
 
-struct Range {
-    std::string_view name;
+// Flags of a summary line.
+constexpr unsigned kBeta = 1, kImportant = 2, kSized = 4, kSha256 = 8;
+
+// Fields are separated by tabs and lines by newlines: both are escaped in
+// text, and so is the escape.
+void appendEscaped(std::string& out, std::string_view text) {
+    out += '\t';
+    for (char c : text) {
+        if (c == '\\' || c == '\t' || c == '\n') {
+            out += '\\';
+            out += c == '\t' ? 't' : c == '\n' ? 'n' : '\\';
+        } else {
+            out += c;
+        }
+    }
+}
+
+bool unescape(std::string_view text, std::string& out) {
+    if (text.find('\\') == std::string_view::npos) {
+        out.assign(text);
+        return true;
+    }
+    out.clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            out += text[i];
+            continue;
+        }
+        if (++i == text.size()) return false;
+        const char c = text[i];
+        if (c != 't' && c != 'n' && c != '\\') return false;
+        out += c == 't' ? '\t' : c == 'n' ? '\n' : '\\';
+    }
+    return true;
+}
+
+// "<name>\t<start>\t<limit>\t<version>\t<flags>\t<phase>\t<link>\t<arch>\t
+// <firmware>\t<display name>\t<description>\n"
+std::string summaryLine(const EntrySummary& entry, size_t start, size_t limit) {
+    std::string line = entry.name;
+    line += '\t' + std::to_string(start) + '\t' + std::to_string(limit);
+    appendEscaped(line, entry.version);
+    const unsigned flags = (entry.beta ? kBeta : 0u) | (entry.important ? kImportant : 0u) |
+                           (entry.sized ? kSized : 0u) | (entry.sha256 ? kSha256 : 0u);
+    line += '\t' + std::to_string(flags) + '\t' + std::to_string(entry.phase);
+    for (const std::string* text :
+         {&entry.link, &entry.arch, &entry.firmware, &entry.displayName, &entry.description})
+        appendEscaped(line, *text);
+    line += '\n';
+    return line;
+}
+
+template <typename Number>
+bool parseNumber(std::string_view text, Number& out) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+// Where a line's entry is in the catalog (its summary is kept beside).
+struct Line {
     size_t start = 0;
     size_t limit = 0;
+    bool wanted = false;  // newer than installed: its JSON may be needed
 };
 
-// Whether an entry at `version` can matter to a load for `installed`.
-bool wanted(const IndexedPackage& installed, std::string_view version) {
+bool parseLine(std::string_view line, EntrySummary& entry, Line& out) {
+    std::string_view fields[11];
+    for (size_t i = 0; i + 1 < std::size(fields); ++i) {
+        const size_t tab = line.find('\t');
+        if (tab == std::string_view::npos) return false;
+        fields[i] = line.substr(0, tab);
+        line.remove_prefix(tab + 1);
+    }
+    fields[10] = line;
+    unsigned flags = 0;
+    if (line.find('\t') != std::string_view::npos || !parseNumber(fields[1], out.start) ||
+        !parseNumber(fields[2], out.limit) || out.limit <= out.start ||
+        !parseNumber(fields[4], flags) || !parseNumber(fields[5], entry.phase) ||
+        !unescape(fields[3], entry.version) || !unescape(fields[6], entry.link) ||
+        !unescape(fields[7], entry.arch) || !unescape(fields[8], entry.firmware) ||
+        !unescape(fields[9], entry.displayName) || !unescape(fields[10], entry.description))
+        return false;
+    entry.name = fields[0];
+    entry.beta = flags & kBeta;
+    entry.important = flags & kImportant;
+    entry.sized = flags & kSized;
+    entry.sha256 = flags & kSha256;
+    return true;
+}
+
+// Whether an entry at `version` can be an upgrade of `installed`.
+bool newer(const IndexedPackage& installed, std::string_view version) {
     return !installed.readable || compareVersions(version, installed.version) > 0;
 }
 
-bool parseNumber(std::string_view text, size_t& out) {
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
-// The ranges of the entries wanted for `installed` (sorted by name),
-// catalog order kept within a name. False when the body is not a digest's.
-bool rangesOf(std::string_view body, const std::vector<IndexedPackage>& installed,
-              std::vector<Range>& out) {
+// The summaries of the entries of the packages `installed` (sorted by
+// name) and where they are, catalog order kept within a name. False when
+// the body is not a digest's.
+bool linesOf(std::string_view body, const std::vector<IndexedPackage>& installed,
+             std::vector<EntrySummary>& entries, std::vector<Line>& lines) {
     auto package = installed.begin();
-    while (!body.empty()) {
+    while (!body.empty() && package != installed.end()) {
         size_t end = body.find('\n');
         if (end == std::string_view::npos) return false;
-        std::string_view line = body.substr(0, end);
+        std::string_view text = body.substr(0, end);
         body.remove_prefix(end + 1);
-        size_t tab1 = line.find('\t');
-        if (tab1 == std::string_view::npos) return false;
-        Range range;
-        range.name = line.substr(0, tab1);
-        while (package != installed.end() && package->name < range.name) ++package;
         // Most lines are of packages nobody asked for: only the name is read.
-        if (package == installed.end() || package->name != range.name) continue;
-        size_t tab2 = line.find('\t', tab1 + 1);
-        size_t tab3 = line.find('\t', tab2 + 1);
-        if (tab3 == std::string_view::npos ||
-            !parseNumber(line.substr(tab1 + 1, tab2 - tab1 - 1), range.start) ||
-            !parseNumber(line.substr(tab2 + 1, tab3 - tab2 - 1), range.limit) ||
-            range.limit <= range.start)
-            return false;
-        if (wanted(*package, line.substr(tab3 + 1))) out.push_back(range);
+        const std::string_view name = text.substr(0, text.find('\t'));
+        while (package != installed.end() && package->name < name) ++package;
+        if (package == installed.end() || package->name != name) continue;
+        Line& line = lines.emplace_back();
+        if (!parseLine(text, entries.emplace_back(), line)) return false;
+        line.wanted = newer(*package, entries.back().version);
     }
     return true;
 }
@@ -90,6 +163,33 @@ bool parseEntry(Json::CharReader& reader, std::string_view text, Json::Value& ou
     }
 }
 
+// The JSON of the wanted lines' entries, appended to `found`, each entry's
+// summary pointing to its own. False when a range does not hold the entry
+// it names: the digest is not this catalog's.
+bool readWantedEntries(const fs::path& list, const std::vector<Line>& lines,
+                       std::vector<EntrySummary>& entries, Json::Value& found) {
+    UniqueFd fd(::open(list.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string text;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const Line& line = lines[i];
+        if (!line.wanted) continue;
+        text.resize(line.limit - line.start);
+        if (::pread(fd.get(), text.data(), text.size(), static_cast<off_t>(line.start)) !=
+            static_cast<ssize_t>(text.size()))
+            return false;
+        Json::Value entry;
+        if (!parseEntry(*reader, text, entry) || entryText(entry, "package") != entries[i].name)
+            return false;
+        entries[i].json = static_cast<int>(found.size());
+        found.append(std::move(entry));
+    }
+    return true;
+}
+
 }  // namespace
 
 void writeCatalogDigest(const fs::path& list, const std::string& hash, const Source& source,
@@ -98,13 +198,12 @@ void writeCatalogDigest(const fs::path& list, const std::string& hash, const Sou
     if (!id || !packages.isArray()) return;
     std::vector<std::pair<std::string, std::string>> lines;
     for (const Json::Value& entry : packages) {
-        const std::string name = entryText(entry, "package");
-        const std::string version = entryText(entry, "version");
+        if (!entry.isObject()) continue;
+        EntrySummary summary = summarizeEntry(entry);
         // Entries no check could use need no place in the digest.
-        if (!entry.isObject() || !isValidPackageName(name) || !isValidVersion(version)) continue;
-        lines.emplace_back(name, name + "\t" + std::to_string(entry.getOffsetStart()) + "\t" +
-                                     std::to_string(entry.getOffsetLimit()) + "\t" + version +
-                                     "\n");
+        if (!isValidPackageName(summary.name)) continue;
+        std::string line = summaryLine(summary, entry.getOffsetStart(), entry.getOffsetLimit());
+        lines.emplace_back(std::move(summary.name), std::move(line));
     }
     std::stable_sort(lines.begin(), lines.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -131,30 +230,16 @@ bool readDigestedEntries(const fs::path& list, const std::string& hash, const Ca
     const std::string_view prefix = body.substr(0, prefixEnd);
     body.remove_prefix(prefixEnd + 1);
 
-    std::vector<Range> ranges;
-    if (!rangesOf(body, *how.installed, ranges)) return false;
-    // Catalog order, so that the server's first entry of a version stays first.
-    std::sort(ranges.begin(), ranges.end(),
-              [](const Range& a, const Range& b) { return a.start < b.start; });
-
-    UniqueFd fd(::open(list.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) return false;
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    // The lines of one name are in catalog order, so that the server's first
+    // entry of a version stays first; the order among names matters to no one.
+    std::vector<EntrySummary> entries;
+    std::vector<Line> lines;
+    entries.reserve(how.installed->size());
+    lines.reserve(how.installed->size());
+    if (!linesOf(body, *how.installed, entries, lines)) return false;
     Json::Value found(Json::arrayValue);
-    std::string text;
-    for (const Range& range : ranges) {
-        text.resize(range.limit - range.start);
-        if (::pread(fd.get(), text.data(), text.size(), static_cast<off_t>(range.start)) !=
-            static_cast<ssize_t>(text.size()))
-            return false;
-        Json::Value entry;
-        // A range that does not hold the entry it names: not this catalog's.
-        if (!parseEntry(*reader, text, entry) || entryText(entry, "package") != range.name)
-            return false;
-        found.append(std::move(entry));
-    }
+    if (how.json && !readWantedEntries(list, lines, entries, found)) return false;
+    out.entries = std::move(entries);
     out.packages.swap(found);
     out.plainLinkPrefix = prefix;
     return true;

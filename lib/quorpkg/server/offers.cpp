@@ -1,6 +1,7 @@
 #include "quorpkg/server/offers.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/settings.h"
 #include "quorpkg/package/manifest.h"
@@ -12,11 +13,9 @@
 namespace quor {
 namespace {
 
-bool runsHere(const Json::Value& entry, const std::string& arch, const std::string& firmware) {
-    const std::string wanted = entryText(entry, "arch");
-    if (!wanted.empty() && wanted != "noarch" && wanted != arch) return false;
-    const std::string needs = entryText(entry, "firmware");
-    return needs.empty() || compareVersions(needs, firmware) <= 0;
+bool runsHere(const EntrySummary& entry, const std::string& arch, const std::string& firmware) {
+    if (!entry.arch.empty() && entry.arch != "noarch" && entry.arch != arch) return false;
+    return entry.firmware.empty() || compareVersions(entry.firmware, firmware) <= 0;
 }
 
 bool usableLink(const std::string& link, const Source& source) {
@@ -27,38 +26,56 @@ bool usableLink(const std::string& link, const Source& source) {
 
 }  // namespace
 
+bool offerable(const EntrySummary& entry, const Catalog& catalog, const std::string& arch,
+               const std::string& firmware) {
+    // Without a size a download has no end; without a sha256 a trusted
+    // source vouches for nothing.
+    return isValidVersion(entry.version) && usableLink(entry.link, catalog.source) && entry.sized &&
+           (!catalog.root || entry.sha256) && runsHere(entry, arch, firmware);
+}
+
 Offers::Offers(const std::vector<Catalog>& catalogs, OriginLookup origins)
     : origins_(std::move(origins)) {
     if (!origins_) origins_ = [](const std::string& name) { return readOrigin(name).source; };
     const Settings settings = loadSettings();
     const std::string arch = effectiveArch(settings);
+    summaries_.reserve(catalogs.size());
+    size_t count = 0;
+    for (const Catalog& catalog : catalogs)
+        count += catalog.entries.empty() ? catalog.packages.size() : catalog.entries.size();
+    byName_.reserve(count);
     for (const Catalog& catalog : catalogs) {
-        for (const Json::Value& entry : catalog.packages) {
-            if (!entry.isObject()) continue;
-            const std::string name = entryText(entry, "package");
-            if (!isValidPackageName(name)) continue;
-            Candidates& candidates = byName_[name];
+        catalogOrigins_.emplace_back(&catalog, catalog.origin());
+        // A catalog read whole is summarized here; one read through its
+        // digest comes with the summaries of the entries asked for.
+        const std::vector<EntrySummary>* entries = &catalog.entries;
+        if (entries->empty() && catalog.packages.isArray()) {
+            std::vector<EntrySummary>& summaries = summaries_.emplace_back();
+            summaries.reserve(catalog.packages.size());
+            for (Json::ArrayIndex i = 0; i < catalog.packages.size(); ++i) {
+                if (!catalog.packages[i].isObject()) continue;
+                summaries.push_back(summarizeEntry(catalog.packages[i]));
+                summaries.back().json = static_cast<int>(i);
+            }
+            entries = &summaries;
+        }
+        for (const EntrySummary& entry : *entries) {
+            if (!isValidPackageName(entry.name)) continue;
+            Candidates& candidates = byName_[entry.name];
             if (!candidates.first) candidates.first = &catalog;
-            if (!catalog.available) continue;
-            Offer offer{&entry,
-                        &catalog.source,
-                        &catalog.plainLinkPrefix,
-                        entryText(entry, "version"),
-                        entryFlag(entry, "beta"),
-                        &catalog};
-            // Without a size a download has no end; without a sha256 a
-            // trusted source vouches for nothing.
-            if (!isValidVersion(offer.version) ||
-                !usableLink(entryText(entry, "link"), catalog.source) ||
-                !entry["size"].isUInt64() ||
-                (catalog.root && !isLowerHex(entryText(entry, "sha256"), 64)) ||
-                !runsHere(entry, arch, settings.firmware_version))
+            if (!catalog.available || !offerable(entry, catalog, arch, settings.firmware_version))
                 continue;
-            candidates.offers.push_back(std::move(offer));
+            const Json::Value* json =
+                entry.json >= 0 ? &catalog.packages[static_cast<Json::ArrayIndex>(entry.json)]
+                                : nullptr;
+            candidates.offers.push_back(Offer{&entry, json, &catalog.source,
+                                              &catalog.plainLinkPrefix, entry.version, entry.beta,
+                                              &catalog});
         }
     }
     // Newest first; for one version the server listed first wins.
     for (auto& [name, candidates] : byName_) {
+        if (candidates.offers.size() < 2) continue;  // a sort would still take a buffer
         std::stable_sort(candidates.offers.begin(), candidates.offers.end(),
                          [](const Offer& a, const Offer& b) {
                              return compareVersions(a.version, b.version) > 0;
@@ -76,24 +93,36 @@ const std::vector<Offer>& Offers::all(const std::string& name) const {
     static const std::vector<Offer> none;
     auto found = byName_.find(name);
     if (found == byName_.end()) return none;
-    auto chosen = chosen_.find(name);
-    if (chosen != chosen_.end()) return chosen->second;
-    // An installed package stays with its source; anything else comes from
-    // the first source that lists it, and from none while that one cannot
-    // be asked.
-    const std::string origin = origins_(name);
-    std::vector<Offer>& out = chosen_[name];
-    for (const Offer& offer : found->second.offers) {
-        const bool fromSource = origin != kLocalOrigin ? offer.catalog->origin() == origin
-                                                       : offer.catalog == found->second.first;
-        if (fromSource) out.push_back(offer);
+    const Candidates& candidates = found->second;
+    if (!candidates.known) {
+        // An installed package stays with its source; anything else comes
+        // from the first source that lists it, and from none while that one
+        // cannot be asked.
+        const std::string origin = origins_(name);
+        auto fromSource = [&](const Offer& offer) {
+            return origin != kLocalOrigin ? originOf(offer.catalog) == origin
+                                          : offer.catalog == candidates.first;
+        };
+        candidates.all =
+            std::all_of(candidates.offers.begin(), candidates.offers.end(), fromSource);
+        if (!candidates.all)
+            std::copy_if(candidates.offers.begin(), candidates.offers.end(),
+                         std::back_inserter(candidates.chosen), fromSource);
+        candidates.known = true;
     }
-    return out;
+    return candidates.all ? candidates.offers : candidates.chosen;
+}
+
+const std::string& Offers::originOf(const Catalog* catalog) const {
+    static const std::string none;
+    for (const auto& [known, origin] : catalogOrigins_)
+        if (known == catalog) return origin;
+    return none;
 }
 
 // Without loading libcurl when the catalog came with its links' prefix.
 std::string resolvedLink(const Offer& offer) {
-    const std::string link = entryText(*offer.entry, "link");
+    const std::string& link = offer.summary->link;
     const std::string* prefix = offer.plainLinkPrefix;
     const std::string resolved = prefix && !prefix->empty() && isPlainLink(link)
                                      ? *prefix + link
@@ -103,7 +132,7 @@ std::string resolvedLink(const Offer& offer) {
 
 bool resolvedEntry(const Offer& offer, Json::Value& out) {
     const std::string link = resolvedLink(offer);
-    if (link.empty()) return false;
+    if (link.empty() || !offer.entry) return false;
     out = *offer.entry;
     out["link"] = link;
     if (out.isMember("size") && !out["size"].isUInt64()) out.removeMember("size");

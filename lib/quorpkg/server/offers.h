@@ -19,7 +19,10 @@
 namespace quor {
 
 struct Offer {
-    const Json::Value* entry = nullptr;  // points into a Catalog
+    const EntrySummary* summary = nullptr;  // what the rules read of the entry
+    // The entry itself, in its Catalog; null when only its summary was read
+    // (a check that only reports).
+    const Json::Value* entry = nullptr;
     const Source* source = nullptr;
     const std::string* plainLinkPrefix = nullptr;  // of its Catalog
     std::string version;
@@ -35,9 +38,11 @@ public:
     // Keeps pointers into `catalogs`, which must outlive this object. Entries
     // without a valid package name, version, link or size are left out, and
     // so are file:// links from a web server and, from a trusted source,
-    // entries without a sha256. `origins` tells where an installed package
-    // came from (default: its origin file).
+    // entries without a sha256 (offerable below). `origins` tells where an
+    // installed package came from (default: its origin file).
     explicit Offers(const std::vector<Catalog>& catalogs, OriginLookup origins = {});
+    Offers(const Offers&) = delete;
+    Offers& operator=(const Offers&) = delete;
 
     // The newest entry for `name`, beta ones only when `allowBeta`; null
     // when there is none.
@@ -51,11 +56,26 @@ private:
     struct Candidates {
         std::vector<Offer> offers;       // of every source
         const Catalog* first = nullptr;  // the first source listing the name
+        // Those the name may come from, once asked for: all of `offers`
+        // (the usual case, nothing copied) or `chosen`.
+        mutable bool known = false;
+        mutable bool all = false;
+        mutable std::vector<Offer> chosen;
     };
+    const std::string& originOf(const Catalog* catalog) const;
+
+    // Catalog::origin() of each catalog, worked out once.
+    std::vector<std::pair<const Catalog*, std::string>> catalogOrigins_;
+    // Summaries of the catalogs read whole, one list per catalog.
+    std::vector<std::vector<EntrySummary>> summaries_;
     std::unordered_map<std::string, Candidates> byName_;
     OriginLookup origins_;
-    mutable std::unordered_map<std::string, std::vector<Offer>> chosen_;
 };
+
+// Whether an entry with a valid name may be offered from `catalog` to a
+// device of `arch` at `firmware`.
+bool offerable(const EntrySummary& entry, const Catalog& catalog, const std::string& arch,
+               const std::string& firmware);
 
 // The entry as handed to callers: a copy whose "link" is an absolute URL,
 // resolved against its server's folder, and whose "size", "type", "md5" and

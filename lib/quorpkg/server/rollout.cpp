@@ -62,9 +62,8 @@ int entryPhase(const Json::Value& entry) {
     return percent < 0 || percent > 100 ? 0 : static_cast<int>(percent);
 }
 
-bool offeredToThisDevice(const Json::Value& entry, const std::string& name,
-                         const std::string& version, const Settings& settings) {
-    const int phase = entryPhase(entry);
+bool offeredToThisDevice(int phase, const std::string& name, const std::string& version,
+                         const Settings& settings) {
     if (phase >= 100 || !settings.phased_updates) return true;
     return rolloutBucket(deviceId(), name, version) < phase * 100;
 }

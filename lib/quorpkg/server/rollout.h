@@ -26,9 +26,10 @@ int rolloutBucket(const std::string& device, const std::string& name, const std:
 // number from 0 to 100 (a publisher's slip halts rather than releases).
 int entryPhase(const Json::Value& entry);
 
-// Whether an upgrade to the entry's version is offered to this device now:
-// always with phased_updates="no" or a phase of 100.
-bool offeredToThisDevice(const Json::Value& entry, const std::string& name,
-                         const std::string& version, const Settings& settings);
+// Whether an upgrade to `version` of `name`, at `phase` (entryPhase), is
+// offered to this device now: always with phased_updates="no" or a phase
+// of 100.
+bool offeredToThisDevice(int phase, const std::string& name, const std::string& version,
+                         const Settings& settings);
 
 }  // namespace quor

@@ -24,11 +24,10 @@ bool upgradeOver(const Offers& offers, const std::string& name, const std::strin
     for (const Offer& offer : offers.all(name)) {
         if (compareVersions(offer.version, version) <= 0) return false;
         if ((offer.beta && !beta) || limits.status(name, offer.version) != 0 ||
-            !offeredToThisDevice(*offer.entry, name, offer.version, settings))
+            !offeredToThisDevice(offer.summary->phase, name, offer.version, settings))
             continue;
         out.link = resolvedLink(offer);
         if (out.link.empty()) continue;
-        out.entry = offer.entry;
         out.offer = offer;
         out.name = name;
         out.installedVersion = version;
@@ -49,12 +48,14 @@ bool findUpgrade(const Offers& offers, const std::string& name, UpgradeOffer& ou
 std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
                                        const std::vector<IndexedPackage>& installed) {
     std::vector<UpgradeOffer> out;
+    out.reserve(installed.size());
     const FirmwareLimits limits = FirmwareLimits::load();
     const Settings settings = loadSettings();
     for (const IndexedPackage& package : installed) {
         UpgradeOffer upgrade;
-        if (package.readable && upgradeOver(offers, package.name, package.version, package.beta,
-                                            limits, settings, upgrade))
+        if (package.readable &&
+            upgradeOver(offers, std::string(package.name), std::string(package.version),
+                        package.beta, limits, settings, upgrade))
             out.push_back(std::move(upgrade));
     }
     return out;
@@ -65,6 +66,10 @@ bool blockedByFirmwareLimit(const UpgradeOffer& upgrade) {
 }
 
 int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::string* error) {
+    if (!upgrade.offer.entry) {
+        if (error) *error = "the entry of " + upgrade.name + " was not read";
+        return kServerUnreachable;
+    }
     RemoteInstall install;
     remotePackageOf(upgrade.offer, install.package);
     install.package.download.link = upgrade.link;
@@ -77,7 +82,7 @@ int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::stri
         }
     }
     install.lang = lang;
-    install.beta = entryFlag(*upgrade.entry, "beta");
+    install.beta = upgrade.offer.beta;
     install.event = "upgrade";
     int code = installFromServer(install, error);
     // The store logs the upgrade itself; a failed download it never saw.

@@ -14,9 +14,8 @@ namespace quor {
 struct UpgradeOffer {
     std::string name;
     std::string installedVersion;
-    const Json::Value* entry = nullptr;  // the offered entry, in its Catalog
-    std::string link;                    // its link, resolved
-    Offer offer;                         // where it is offered
+    std::string link;  // its link, resolved
+    Offer offer;       // the offered entry and where it is offered
 };
 
 // The newest offered version newer than the installed one, passing over
@@ -33,7 +32,8 @@ std::vector<UpgradeOffer> findUpgrades(const Offers& offers,
 bool blockedByFirmwareLimit(const UpgradeOffer& upgrade);
 
 // Upgrades one package from the server on its own volume, fetching required
-// packages it lacks first. kOk or the failure's code, with a reason.
+// packages it lacks first; its entry's JSON must have been read. kOk or the
+// failure's code, with a reason.
 int applyUpgrade(const UpgradeOffer& upgrade, const std::string& lang, std::string* error);
 
 }  // namespace quor

@@ -15,6 +15,7 @@
 #include "base/mapped_file.h"
 #include "base/result.h"
 #include "base/system_root.h"
+#include "quorpkg/store/origin.h"
 #include "quorpkg/store/store.h"
 
 namespace fs = std::filesystem;
@@ -22,7 +23,15 @@ namespace fs = std::filesystem;
 namespace quor {
 namespace {
 
-constexpr std::string_view kHeader = "quorpkg-installed 2\n";
+constexpr std::string_view kHeader = "quorpkg-installed 3\n";
+constexpr std::string_view kStampKey = "stamp ";
+constexpr std::string_view kNoStamp = "-";
+
+// How long /var/packages must have been left alone before a listing stamps
+// the index with its time: longer than the timestamp granularity of any
+// file system it may live on (whole seconds on some), so that no later
+// change can leave the folder with the same time.
+constexpr long long kSettledNs = 2'000'000'000;
 
 fs::path indexFile() {
     return hostPath("/var/cache/quorpkg/installed");
@@ -30,6 +39,30 @@ fs::path indexFile() {
 
 bool later(const timespec& a, const timespec& b) {
     return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+void appendNumber(std::string& out, long long value) {
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+}
+
+// "<inode> <seconds>.<nanoseconds>" of the folder's modification time.
+std::string stampOf(const struct stat& st) {
+    std::string stamp;
+    appendNumber(stamp, static_cast<long long>(st.st_ino));
+    stamp += ' ';
+    appendNumber(stamp, st.st_mtim.tv_sec);
+    stamp += '.';
+    appendNumber(stamp, st.st_mtim.tv_nsec);
+    return stamp;
+}
+
+bool settled(const struct stat& st) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const long long age = (static_cast<long long>(now.tv_sec) - st.st_mtim.tv_sec) * 1'000'000'000 +
+                          (now.tv_nsec - st.st_mtim.tv_nsec);
+    return age > kSettledNs;
 }
 
 // What a package's entry was read from, and the newest time in it.
@@ -44,60 +77,105 @@ void describe(int dirFd, const char* path, Source& out) {
         out.text += " -";
         return;
     }
-    // " ino:size:sec.nsec", printed without temporaries: once per package
-    // on every listing.
-    auto number = [&](char before, auto value) {
-        char digits[24];
-        out.text += before;
-        out.text.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
-    };
-    number(' ', st.st_ino);
-    number(':', st.st_size);
-    number(':', st.st_mtim.tv_sec);
-    number('.', st.st_mtim.tv_nsec);
+    // " ino:size:sec.nsec"
+    out.text += ' ';
+    appendNumber(out.text, static_cast<long long>(st.st_ino));
+    out.text += ':';
+    appendNumber(out.text, st.st_size);
+    out.text += ':';
+    appendNumber(out.text, st.st_mtim.tv_sec);
+    out.text += '.';
+    appendNumber(out.text, st.st_mtim.tv_nsec);
     if (later(st.st_mtim, out.newest)) out.newest = st.st_mtim;
 }
 
 Source sourceOf(int packagesFd, const std::string& name) {
     Source source;
-    std::string path = name + "/INFO";
-    describe(packagesFd, path.c_str(), source);
-    path.replace(name.size() + 1, std::string::npos, "scripts");
-    describe(packagesFd, path.c_str(), source);
+    for (const char* file : {"/INFO", "/scripts", "/origin"})
+        describe(packagesFd, (name + file).c_str(), source);
     source.text.erase(0, 1);
     return source;
 }
 
-IndexedPackage readPackage(const std::string& name, std::string source) {
-    IndexedPackage package;
-    package.name = name;
-    package.source = std::move(source);
+// A package's record, read from its folder: its origin, and for a package
+// with a usable manifest its script mask, beta flag, version and manifest.
+std::string recordOf(const std::string& name) {
+    std::string record;
+    appendPacked(record, readOrigin(name).source);
     std::optional<std::string> text = readFile(layout::manifestFile(name));
     Manifest manifest;
     if (text && parseManifest(*text, manifest) == kOk && manifest.name == name) {
-        package.readable = true;
-        package.scriptMask = installedScriptMask(name);
-        package.version = manifest.version;
-        package.beta = manifest.beta;
-        package.manifestText = std::move(*text);
+        appendPacked(record, std::to_string(installedScriptMask(name)));
+        appendPacked(record, manifest.beta ? "1" : "0");
+        appendPacked(record, manifest.version);
+        packManifest(manifest, record);
     }
-    return package;
+    return record;
 }
 
-// The index on disk and when it was written; an empty one when there is
-// none or it cannot be read.
-InstalledIndex readIndexFile(timespec& written) {
-    InstalledIndex index;
-    written = {};
-    const MappedFile file(indexFile());
-    if (file.opened() && parseIndex(file.text(), index)) written = file.status().st_mtim;
-    return index;
+// "<name> <size>\n<source, packed><record>\n"
+void appendEntry(std::string& out, std::string_view name, std::string_view source,
+                 std::string_view record) {
+    out += name;
+    out += ' ';
+    std::string packedSource;
+    appendPacked(packedSource, source);
+    appendNumber(out, static_cast<long long>(packedSource.size() + record.size()));
+    out += '\n';
+    out += packedSource;
+    out += record;
+    out += '\n';
 }
 
-void writeIndexFile(const InstalledIndex& index) {
-    std::error_code ec;
-    fs::create_directories(indexFile().parent_path(), ec);
-    writeFileAtomic(indexFile(), formatIndex(index));
+template <typename Number>
+bool parseNumber(std::string_view text, Number& out) {
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
+    return error == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+// An entry's text after its head: the source, then the record.
+bool parseEntry(std::string_view text, IndexedPackage& out) {
+    PackedReader fields(text);
+    if (!fields.next(out.source)) return false;
+    out.record = fields.rest();
+    if (!fields.next(out.origin)) return false;
+    out.readable = !fields.done();
+    if (!out.readable) return true;
+    std::string_view mask, beta;
+    if (!fields.next(mask) || !parseNumber(mask, out.scriptMask) || !fields.next(beta) ||
+        (beta != "0" && beta != "1") || !fields.next(out.version) || !isValidVersion(out.version))
+        return false;
+    out.beta = beta == "1";
+    out.packed = fields.rest();
+    return true;
+}
+
+// The index text for what /var/packages holds now, stamped `stamp`: the
+// entries of `stored` whose files are unchanged and older than it (written
+// at `written`), every other package (and `fresh`) read from its folder.
+// `changed` tells whether any entry differs from `stored`.
+std::string currentIndexText(const InstalledIndex& stored, const timespec& written, int packagesFd,
+                             std::string_view stamp, const std::string& fresh, bool& changed) {
+    std::string text(kHeader);
+    text += kStampKey;
+    text += stamp;
+    text += '\n';
+    const std::vector<std::string> names = installedPackages();
+    changed = stored.packages.size() != names.size();
+    // Both are sorted by name: one walk.
+    auto known = stored.packages.begin();
+    for (const std::string& name : names) {
+        Source source = sourceOf(packagesFd, name);
+        while (known != stored.packages.end() && known->name < name) ++known;
+        if (known != stored.packages.end() && known->name == name && name != fresh &&
+            known->source == source.text && later(written, source.newest)) {
+            appendEntry(text, name, known->source, known->record);
+        } else {
+            appendEntry(text, name, source.text, recordOf(name));
+            changed = true;
+        }
+    }
+    return text;
 }
 
 // How long the packages of a listing answer lookups without looking at the
@@ -123,129 +201,127 @@ Cache& cache() {
     return instance;
 }
 
+void writeIndexFile(std::string_view text) {
+    std::error_code ec;
+    fs::create_directories(indexFile().parent_path(), ec);
+    // An index left as it was would be believed while the folder kept its
+    // time (a change within one clock tick of the last one): none is safer.
+    if (!writeFileAtomic(indexFile(), text)) fs::remove(indexFile(), ec);
+}
+
 }  // namespace
 
+InstalledIndex::InstalledIndex() = default;
+
+InstalledIndex::~InstalledIndex() = default;
+
 const IndexedPackage* InstalledIndex::find(std::string_view name) const {
+    // Listings ask for one package after the other: try the next one first.
+    const size_t next = next_.load(std::memory_order_relaxed);
+    if (next < packages.size() && packages[next].name == name) {
+        next_.store(next + 1, std::memory_order_relaxed);
+        return &packages[next];
+    }
     auto it =
         std::lower_bound(packages.begin(), packages.end(), name,
                          [](const IndexedPackage& p, std::string_view n) { return p.name < n; });
-    return it != packages.end() && it->name == name ? &*it : nullptr;
+    if (it == packages.end() || it->name != name) return nullptr;
+    next_.store(static_cast<size_t>(it - packages.begin()) + 1, std::memory_order_relaxed);
+    return &*it;
 }
 
 std::vector<std::string> InstalledIndex::names() const {
     std::vector<std::string> out;
     out.reserve(packages.size());
-    for (const IndexedPackage& package : packages) out.push_back(package.name);
+    for (const IndexedPackage& package : packages) out.emplace_back(package.name);
     return out;
 }
 
-int indexedManifest(const IndexedPackage& package, Manifest& out) {
-    if (!package.readable || parseManifest(package.manifestText, out) != kOk) return kBroken;
-    return kOk;
+std::string InstalledIndex::origin(const std::string& name) const {
+    const IndexedPackage* package = find(name);
+    return package ? std::string(package->origin) : std::string(kLocalOrigin);
 }
 
-// Per package "<name> <mask> <length> <version> <beta> <source>\n<manifest>\n",
-// "-" as the mask and version of an unreadable one, beta 1 or 0; names and
-// versions hold neither blanks nor newlines.
-std::string formatIndex(const InstalledIndex& index) {
-    std::string out(kHeader);
-    for (const IndexedPackage& package : index.packages) {
-        out += package.name;
-        out += ' ';
-        out += package.readable ? std::to_string(package.scriptMask) : "-";
-        out += ' ';
-        out += std::to_string(package.manifestText.size());
-        out += ' ';
-        out += package.readable ? package.version : "-";
-        out += package.beta ? " 1 " : " 0 ";
-        out += package.source;
-        out += '\n';
-        out += package.manifestText;
-        out += '\n';
-    }
-    return out;
+bool InstalledIndex::adopt(std::string text) {
+    mapped_.reset();
+    written_ = {};
+    text_ = std::move(text);
+    return parse(text_);
 }
 
-namespace {
-
-// Splits off the text up to the next blank of `line`.
-std::string_view nextField(std::string_view& line) {
-    size_t blank = line.find(' ');
-    std::string_view field = line.substr(0, blank);
-    line.remove_prefix(blank == std::string_view::npos ? line.size() : blank + 1);
-    return field;
+bool InstalledIndex::adoptFile(const fs::path& path) {
+    text_.clear();
+    mapped_ = std::make_unique<MappedFile>(path);
+    written_ = mapped_->status().st_mtim;
+    return mapped_->opened() && parse(mapped_->text());
 }
 
-template <typename Number>
-bool parseNumber(std::string_view text, Number& out) {
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
-}  // namespace
-
-bool parseIndex(std::string_view text, InstalledIndex& out) {
+// The header, the stamp line, then entries strictly in name order.
+bool InstalledIndex::parse(std::string_view text) {
+    packages.clear();
+    stamp_ = {};
     if (text.substr(0, kHeader.size()) != kHeader) return false;
     text.remove_prefix(kHeader.size());
-    InstalledIndex index;
+    size_t end = text.find('\n');
+    if (end == std::string_view::npos || text.substr(0, kStampKey.size()) != kStampKey)
+        return false;
+    const std::string_view stamp = text.substr(kStampKey.size(), end - kStampKey.size());
+    text.remove_prefix(end + 1);
+    std::vector<IndexedPackage> entries;
+    entries.reserve(text.size() / 256);
     while (!text.empty()) {
-        size_t end = text.find('\n');
+        end = text.find('\n');
         if (end == std::string_view::npos) return false;
-        std::string_view head = text.substr(0, end);
+        const std::string_view head = text.substr(0, end);
         text.remove_prefix(end + 1);
-        IndexedPackage package;
-        package.name = std::string(nextField(head));
-        const std::string_view mask = nextField(head);
-        const std::string_view length = nextField(head);
-        const std::string_view version = nextField(head);
-        const std::string_view beta = nextField(head);
-        package.source = std::string(head);
+        const size_t blank = head.find(' ');
         size_t size = 0;
-        if (package.name.empty() || !parseNumber(length, size) || (beta != "0" && beta != "1"))
+        IndexedPackage package;
+        package.name = head.substr(0, blank);
+        if (blank == std::string_view::npos || blank == 0 ||
+            !parseNumber(head.substr(blank + 1), size) || size >= text.size() ||
+            text[size] != '\n' || (!entries.empty() && !(entries.back().name < package.name)) ||
+            !parseEntry(text.substr(0, size), package))
             return false;
-        package.readable = mask != "-";
-        if (package.readable) {
-            if (!parseNumber(mask, package.scriptMask) || !isValidVersion(version)) return false;
-            package.version = std::string(version);
-            package.beta = beta == "1";
-        }
-        if (size >= text.size() || text[size] != '\n') return false;
-        package.manifestText = std::string(text.substr(0, size));
         text.remove_prefix(size + 1);
-        if (!index.packages.empty() && !(index.packages.back().name < package.name)) return false;
-        index.packages.push_back(std::move(package));
+        entries.push_back(package);
     }
-    out = std::move(index);
+    packages = std::move(entries);
+    stamp_ = stamp;
     return true;
+}
+
+bool indexedManifest(const IndexedPackage& package, ManifestView& out) {
+    PackedReader packed(package.packed);
+    return package.readable && unpackManifest(packed, out) && packed.done();
 }
 
 std::shared_ptr<const InstalledIndex> loadInstalledIndex() {
     const long startMs = nowMs();
-    timespec written{};
-    InstalledIndex stored = readIndexFile(written);
-    auto current = std::make_shared<InstalledIndex>();
-    bool stale = false;
+    auto index = std::make_shared<InstalledIndex>();
+    // The folder first: entries read after this look cannot be older than it.
     UniqueFd packagesFd(::open(layout::packagesDir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::vector<std::string> names = installedPackages();
-    current->packages.reserve(names.size());
-    // Both are sorted by name: one walk, entries moved over.
-    auto known = stored.packages.begin();
-    for (const std::string& name : names) {
-        Source source = sourceOf(packagesFd.get(), name);
-        while (known != stored.packages.end() && known->name < name) ++known;
-        if (known != stored.packages.end() && known->name == name && known->source == source.text &&
-            later(written, source.newest)) {
-            current->packages.push_back(std::move(*known));
-        } else {
-            current->packages.push_back(readPackage(name, std::move(source.text)));
-            stale = true;
-        }
+    struct stat st {};
+    const bool present = packagesFd && ::fstat(packagesFd.get(), &st) == 0;
+    const std::string stamp = present ? stampOf(st) : std::string();
+    const bool parsed = index->adoptFile(indexFile());
+    if (!parsed || !present || index->stamp() != stamp) {
+        // Checked entry by entry; stamped only once no change can share the
+        // folder's time.
+        const std::string_view newStamp = present && settled(st) ? stamp : kNoStamp;
+        bool changed = false;
+        std::string text = currentIndexText(*index, index->written(), packagesFd.get(), newStamp,
+                                            std::string(), changed);
+        // An empty store without an index stays without one.
+        if (changed || (parsed && newStamp != kNoStamp)) writeIndexFile(text);
+        auto current = std::make_shared<InstalledIndex>();
+        current->adopt(std::move(text));
+        index = std::move(current);
     }
-    if (stale || stored.packages.size() != names.size()) writeIndexFile(*current);
     std::lock_guard guard(cache().mutex);
-    cache().index = current;
+    cache().index = index;
     cache().madeMs = startMs;
-    return current;
+    return index;
 }
 
 std::shared_ptr<const InstalledIndex> currentInstalledIndex() {
@@ -260,19 +336,18 @@ void updateInstalledIndex(const std::string& name) {
         std::lock_guard guard(cache().mutex);
         cache().index.reset();
     }
-    timespec written{};
-    InstalledIndex index = readIndexFile(written);
-    std::erase_if(index.packages, [&](const IndexedPackage& p) { return p.name == name; });
-    if (isInstalled(name)) {
-        UniqueFd packagesFd(
-            ::open(layout::packagesDir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        IndexedPackage package = readPackage(name, sourceOf(packagesFd.get(), name).text);
-        auto at = std::lower_bound(
-            index.packages.begin(), index.packages.end(), name,
-            [](const IndexedPackage& p, const std::string& n) { return p.name < n; });
-        index.packages.insert(at, std::move(package));
-    }
-    writeIndexFile(index);
+    UniqueFd packagesFd(::open(layout::packagesDir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat st {};
+    // Under the store lock no other change can follow within the same
+    // clock tick unseen: one cut short leaves a journal, whose recovery
+    // rewrites the index before anything else is done.
+    const std::string stamp =
+        packagesFd && ::fstat(packagesFd.get(), &st) == 0 ? stampOf(st) : std::string(kNoStamp);
+    InstalledIndex stored;
+    stored.adoptFile(indexFile());
+    bool changed = false;
+    writeIndexFile(
+        currentIndexText(stored, stored.written(), packagesFd.get(), stamp, name, changed));
 }
 
 }  // namespace quor
