@@ -178,7 +178,8 @@ serve stale "$stale"
 stale_port=$port stale_pid=$nginx_pid
 dead_port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 make_devices mirror "quorserver http://127.0.0.1:$dead_port/ http://127.0.0.1:$stale_port/ http://127.0.0.1:$good_port/ root=$pin"
-checks "mirrors: first contact" mirror "$QUORPKG" "$good_log"
+# The first mirror is down and the second still current: it serves them.
+checks "mirrors: first contact, from the second" mirror "$QUORPKG" "$work/nginx-stale/access.log" "$stale_pid"
 new_version pkg0004 1.1
 cp "$repo/timestamp" "$stale/timestamp"   # today's timestamp, yesterday's catalogs
 checks "mirrors: one down, one stale" mirror "$QUORPKG" "$good_log"
