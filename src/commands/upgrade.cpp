@@ -74,7 +74,7 @@ int checkupdateall(int argc, char** argv, PackageManager* /*manager*/) {
         object["name"] = package.displayname;
         object["version"] = package.version;
         object["beta"] = package.beta;
-        array.append(object);
+        array.append(std::move(object));
     }
     std::printf("%s\n", toJsonLine(array).c_str());
     return 0;
