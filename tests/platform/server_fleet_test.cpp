@@ -170,6 +170,17 @@ TEST_F(ServerFleet, RetryAfterKeepsTheDeviceFromAskingUntilThen) {
     EXPECT_TRUE(newRequests().empty());
     EXPECT_NE(readFile(operationLogFile()).value_or("").find("asked not to be asked before"),
               std::string::npos);
+
+    // An unverified source is kept waiting as well, in its list cache.
+    web.reset();
+    web.emplace(Nginx::binary(), repo,
+                "  location ~ ^/catalog { add_header Retry-After 3600 always; return 503; }");
+    writeText(layout::sourcesFile(), "quorserver " + web->url() + " unverified\n");
+    seen_ = 0;
+    EXPECT_EQ(lookup("app"), "");
+    EXPECT_EQ(newRequests(), std::vector<std::string>{"503 /catalog-enu.hash"});
+    EXPECT_EQ(lookup("app"), "");
+    EXPECT_TRUE(newRequests().empty());
 }
 
 // Device ids spread evenly over the buckets: the share offered a version at

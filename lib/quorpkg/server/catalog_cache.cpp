@@ -1,5 +1,6 @@
 #include "quorpkg/server/catalog_cache.h"
 
+#include <charconv>
 #include <chrono>
 #include <system_error>
 
@@ -24,6 +25,8 @@ Remembered readRemembered(const fs::path& file) {
     for (auto [key, field] : {std::pair{"hash", &out.hash}, std::pair{"source", &out.source},
                               std::pair{"key", &out.key}, std::pair{"sha256", &out.sha256}})
         if (const std::string* value = findValue(*pairs, key)) *field = *value;
+    if (const std::string* value = findValue(*pairs, "retry_after"))
+        std::from_chars(value->data(), value->data() + value->size(), out.retryAfter);
     return out;
 }
 
@@ -31,6 +34,16 @@ void keepCatalog(const CacheFiles& files, const std::string& text, const KeyValu
     std::error_code ec;
     fs::create_directories(files.list.parent_path(), ec);
     if (writeFileAtomic(files.list, text)) writeFileAtomic(files.hash, formatKeyValues(remembered));
+}
+
+void rememberRetryAfter(const CacheFiles& files, int64_t when) {
+    std::optional<std::string> text = readFile(files.hash);
+    std::optional<KeyValues> pairs = text ? parseKeyValues(*text) : KeyValues{};
+    if (!pairs) pairs.emplace();
+    setValue(*pairs, "retry_after", std::to_string(when));
+    std::error_code ec;
+    fs::create_directories(files.hash.parent_path(), ec);
+    writeFileAtomic(files.hash, formatKeyValues(*pairs));
 }
 
 void renewKeptCatalog(const CacheFiles& files, const KeyValues* remembered) {

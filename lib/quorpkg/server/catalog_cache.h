@@ -5,6 +5,7 @@
 // check, so that the next query asks the source afresh.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -26,9 +27,10 @@ struct CacheFiles {
 // What a hash file remembers about the kept catalog.
 struct Remembered {
     std::string hash;
-    std::string source;  // the URL or pinned root it came from
-    std::string key;     // the trusted key that verified it (unverified sources)
-    std::string sha256;  // of the kept catalog (trusted sources; never reset)
+    std::string source;      // the URL or pinned root it came from
+    std::string key;         // the trusted key that verified it (unverified sources)
+    std::string sha256;      // of the kept catalog (trusted sources; never reset)
+    int64_t retryAfter = 0;  // not to be asked before (unverified sources)
 };
 
 Remembered readRemembered(const std::filesystem::path& file);
@@ -37,6 +39,10 @@ Remembered readRemembered(const std::filesystem::path& file);
 // one more download, never a wrong cache. The cache only saves downloads:
 // a list directory that cannot be written is no failure.
 void keepCatalog(const CacheFiles& files, const std::string& text, const KeyValues& remembered);
+
+// Remembers that the source is not to be asked before `when` (seconds
+// since the epoch), keeping what the hash file says of the kept catalog.
+void rememberRetryAfter(const CacheFiles& files, int64_t when);
 
 // Renews the kept catalog's time so that it serves cached loads for
 // another while; with `remembered`, rewrites the hash file first.

@@ -28,9 +28,6 @@ namespace {
 constexpr int64_t kRootProbeInterval = 7 * 86400;
 // Roots walked in one query at the most.
 constexpr int kMaxRootSteps = 32;
-// A server's Retry-After is honoured for a day at the most: a hostile one
-// must not silence a device for longer than its daily check.
-constexpr int64_t kMaxRetryDelay = 86400;
 
 int fail(int code, std::string& why, std::string reason) {
     why = std::move(reason);
@@ -76,8 +73,7 @@ struct ChannelUpdate::Attempt {
         options.deadlineSeconds = settings.fetch_timeout;
         FetchResult result = fetchText(base + name, text, maxBytes, options);
         if (answer) *answer = result;
-        if ((result.httpStatus == 429 || result.httpStatus == 503) && result.retryAfter > 0)
-            retryDelay = std::max(retryDelay, std::min(result.retryAfter, kMaxRetryDelay));
+        retryDelay = std::max(retryDelay, result.retryDelay());
         if (result.ok() || result.status == FetchStatus::kNotModified) return kOk;
         why = base + name + ": " + result.error;
         return result.status == FetchStatus::kNotFound ? kNoSuchPackage : kServerUnreachable;

@@ -33,6 +33,10 @@ struct FetchResult {
     // Seconds the server asked us to wait (Retry-After on a 429 or 503).
     int64_t retryAfter = 0;
     bool ok() const { return status == FetchStatus::kOk; }
+    // How long the source is not to be asked again: Retry-After on a 429 or
+    // 503, a day at the most (a hostile server must not silence a device
+    // for longer than its daily check); 0 for any other answer.
+    int64_t retryDelay() const;
 };
 
 struct FetchOptions {

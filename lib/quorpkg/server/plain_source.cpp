@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "base/result.h"
+#include "base/utc_time.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/trust.h"
 #include "quorpkg/server/catalog_cache.h"
@@ -38,16 +39,29 @@ bool keptCatalogIsCurrent(const CacheFiles& files, const Remembered& remembered,
            keptCatalogIsTrusted(remembered, settings) && keptCatalogIsYoung(files, settings);
 }
 
+// What a fresh load asks of one source's mirrors, with the longest wait
+// any of them asked for.
+struct Asking {
+    const Settings& settings;
+    int64_t retryDelay = 0;
+
+    FetchResult fetch(const std::string& url, std::string& text, uint64_t maxBytes) {
+        FetchOptions options;
+        options.deadlineSeconds = settings.fetch_timeout;
+        FetchResult result = fetchText(url, text, maxBytes, options);
+        retryDelay = std::max(retryDelay, result.retryDelay());
+        return result;
+    }
+};
+
 // The first of `names` the server has: kOk with its text (and its name in
 // `found`); kNoSuchPackage when it has none of them; kServerUnreachable on
 // any other failure.
 int fetchFirst(const Source& source, std::initializer_list<std::string> names, uint64_t maxBytes,
-               const Settings& settings, std::string& text, std::string* error,
+               Asking& asking, std::string& text, std::string* error,
                std::string* found = nullptr) {
-    FetchOptions options;
-    options.deadlineSeconds = settings.fetch_timeout;
     for (const std::string& name : names) {
-        FetchResult result = fetchText(source.url + name, text, maxBytes, options);
+        FetchResult result = asking.fetch(source.url + name, text, maxBytes);
         if (found) *found = name;
         if (result.ok()) return kOk;
         if (error) *error = source.url + name + ": " + result.error;
@@ -61,12 +75,10 @@ int fetchFirst(const Source& source, std::initializer_list<std::string> names, u
 // verified it (if any) in `key`, else kServerUnreachable: a catalog that
 // cannot be trusted is a failed query.
 int checkFetchedCatalog(const Source& source, const std::string& name, const std::string& text,
-                        const Settings& settings, std::string& key, std::string* error) {
+                        Asking& asking, std::string& key, std::string* error) {
     std::string signature;
     const std::string url = source.url + name + ".sig";
-    FetchOptions options;
-    options.deadlineSeconds = settings.fetch_timeout;
-    FetchResult result = fetchText(url, signature, kMaxSignatureBytes, options);
+    FetchResult result = asking.fetch(url, signature, kMaxSignatureBytes);
     if (result.status == FetchStatus::kFailed) {
         if (error) *error = url + ": " + result.error;
         return kServerUnreachable;
@@ -84,12 +96,13 @@ int checkFetchedCatalog(const Source& source, const std::string& name, const std
 
 // A fresh load from one mirror (`source.url`).
 int loadFromMirror(const Source& source, const std::string& lang, const CatalogLoad& how,
-                   const Settings& settings, const CacheFiles& files, const Remembered& remembered,
+                   Asking& asking, const CacheFiles& files, const Remembered& remembered,
                    Catalog& out, std::string* error) {
+    const Settings& settings = asking.settings;
     out.source = source;
     std::string serverHash;
     int code = fetchFirst(source, {"catalog-" + lang + ".hash", "catalog.hash"}, kMaxHashBytes,
-                          settings, serverHash, error);
+                          asking, serverHash, error);
     if (code == kServerUnreachable) return code;
     serverHash = trimmed(serverHash);
     auto rememberedPairs = [&](const std::string& hash, const std::string& key) {
@@ -108,11 +121,11 @@ int loadFromMirror(const Source& source, const std::string& lang, const CatalogL
     std::string text, name, key;
     // A catalog beyond the setting is refused rather than held in memory.
     const uint64_t maxBytes = uint64_t(settings.catalog_max_mib) << 20;
-    code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, maxBytes, settings,
-                      text, error, &name);
+    code = fetchFirst(source, {"catalog-" + lang + ".json", "catalog.json"}, maxBytes, asking, text,
+                      error, &name);
     if (code == kNoSuchPackage && error) *error = "the server has no catalog: " + *error;
     if (code != kOk) return kServerUnreachable;
-    if (checkFetchedCatalog(source, name, text, settings, key, error) != kOk)
+    if (checkFetchedCatalog(source, name, text, asking, key, error) != kOk)
         return kServerUnreachable;
     std::string why;
     if (!parseCatalog(text, out.packages, &why)) {
@@ -141,17 +154,30 @@ int loadPlainCatalog(const Source& source, const std::string& lang, const Catalo
         out.source.url = *from;
         if (readKeptCatalog(files.list, remembered.hash, how, out)) return kOk;
     }
+    const int64_t now = nowSeconds();
+    if (remembered.retryAfter > now) {
+        if (error)
+            *error = source.label() + " asked not to be asked before " +
+                     formatUtc(remembered.retryAfter);
+        return kServerUnreachable;
+    }
     int code = kServerUnreachable;
     std::string reasons;
+    Asking asking{settings};
     for (const std::string& mirror : source.urls) {
         Source one = source;
         one.url = mirror;
         std::string why;
-        code = loadFromMirror(one, lang, how, settings, files, remembered, out, &why);
+        code = loadFromMirror(one, lang, how, asking, files, remembered, out, &why);
         if (code == kOk) return kOk;
         reasons += (reasons.empty() ? "" : "; ") + why;
     }
     if (error) *error = source.urls.size() > 1 ? "every mirror failed: " + reasons : reasons;
+    // Asked to come back later: the kept catalog stays as it was.
+    if (asking.retryDelay > 0) {
+        rememberRetryAfter(files, now + asking.retryDelay);
+        if (error) *error += "; not asked again before " + formatUtc(now + asking.retryDelay);
+    }
     return code;
 }
 
