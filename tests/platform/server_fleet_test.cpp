@@ -9,9 +9,11 @@
 #include <sstream>
 
 #include "base/file_util.h"
+#include "base/key_value.h"
 #include "base/layout.h"
 #include "base/operation_log.h"
 #include "base/result.h"
+#include "base/utc_time.h"
 #include "pkg_manager.h"
 #include "pkg_server.h"
 #include "quor_core.h"
@@ -181,6 +183,15 @@ TEST_F(ServerFleet, RetryAfterKeepsTheDeviceFromAskingUntilThen) {
     EXPECT_EQ(newRequests(), std::vector<std::string>{"503 /catalog-enu.hash"});
     EXPECT_EQ(lookup("app"), "");
     EXPECT_TRUE(newRequests().empty());
+
+    // A wait further ahead than a day is what a clock set back leaves: the
+    // source is asked again.
+    const fs::path hashFile = layout::listDir() / "quorserver.hash.enu";
+    KeyValues pairs = parseKeyValues(readFile(hashFile).value_or("")).value_or(KeyValues{});
+    setValue(pairs, "retry_after", std::to_string(nowSeconds() + 3 * 86400));
+    writeText(hashFile, formatKeyValues(pairs));
+    EXPECT_EQ(lookup("app"), "");
+    EXPECT_EQ(newRequests(), std::vector<std::string>{"503 /catalog-enu.hash"});
 }
 
 // Device ids spread evenly over the buckets: the share offered a version at

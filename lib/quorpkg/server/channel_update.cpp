@@ -320,7 +320,7 @@ int ChannelUpdate::refresh(const std::string& keptCatalogSha, const fs::path& ke
         logOperation("channel state", source_.label(), Outcome{kStoreUnusable, dropped});
 
     const int64_t now = nowSeconds();
-    if (state_.retryAfter > now)
+    if (stillWaiting(state_.retryAfter, now))
         return fail(
             kServerUnreachable, why,
             source_.label() + " asked not to be asked before " + formatUtc(state_.retryAfter));

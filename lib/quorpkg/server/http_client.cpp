@@ -301,7 +301,6 @@ FetchResult downloadOnce(const std::string& url, int fd, uint64_t maxBytes,
 }  // namespace
 
 int64_t FetchResult::retryDelay() const {
-    constexpr int64_t kMaxRetryDelay = 86400;
     if (httpStatus != 429 && httpStatus != 503) return 0;
     return std::clamp<int64_t>(retryAfter, 0, kMaxRetryDelay);
 }

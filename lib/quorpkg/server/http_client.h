@@ -21,6 +21,17 @@ enum class FetchStatus {
     kFailed,       // no connection, a time-out, another HTTP error, a local write error
 };
 
+// A server's Retry-After is honoured for a day at the most: a hostile one
+// must not silence a device for longer than its daily check.
+inline constexpr int64_t kMaxRetryDelay = 86400;
+
+// Whether a wait kept until `until` still holds at `now`. One that lies
+// further ahead than any server may ask is not believed: the clock was set
+// back since it was kept.
+inline bool stillWaiting(int64_t until, int64_t now) {
+    return until > now && until - now <= kMaxRetryDelay;
+}
+
 struct FetchResult {
     FetchStatus status = FetchStatus::kFailed;
     std::string error;       // what went wrong, for the logs
@@ -34,8 +45,7 @@ struct FetchResult {
     int64_t retryAfter = 0;
     bool ok() const { return status == FetchStatus::kOk; }
     // How long the source is not to be asked again: Retry-After on a 429 or
-    // 503, a day at the most (a hostile server must not silence a device
-    // for longer than its daily check); 0 for any other answer.
+    // 503, kMaxRetryDelay at the most; 0 for any other answer.
     int64_t retryDelay() const;
 };
 

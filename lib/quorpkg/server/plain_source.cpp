@@ -155,7 +155,7 @@ int loadPlainCatalog(const Source& source, const std::string& lang, const Catalo
         if (readKeptCatalog(files.list, remembered.hash, how, out)) return kOk;
     }
     const int64_t now = nowSeconds();
-    if (remembered.retryAfter > now) {
+    if (stillWaiting(remembered.retryAfter, now)) {
         if (error)
             *error = source.label() + " asked not to be asked before " +
                      formatUtc(remembered.retryAfter);
