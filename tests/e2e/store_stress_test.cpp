@@ -80,6 +80,19 @@ protected:
         longest = std::max(longest, std::chrono::duration_cast<std::chrono::microseconds>(took));
     }
 
+    // The paths where the store differs from whole state `i`, for a
+    // failure's message.
+    std::string differenceFrom(size_t i) const {
+        const Snapshot now = snapshot(device.root().path());
+        std::string out;
+        for (const auto& [path, content] : now)
+            if (auto it = states[i].find(path); it == states[i].end() || it->second != content)
+                out += " " + path + (it == states[i].end() ? " (added)" : " (changed)");
+        for (const auto& [path, content] : states[i])
+            if (!now.count(path)) out += " " + path + " (missing)";
+        return out;
+    }
+
     // Which whole state the store is in: 0 none, 1 version 1.0, 2 version
     // 2.0; -1 for anything else.
     int stateNow() const {
@@ -126,7 +139,9 @@ TEST_F(StoreStress, AKillAtAnyMomentLeavesTheOldOrTheNewStore) {
         const RunResult listed = device.quorpkg({"list"});
         ASSERT_EQ(listed.status, 0);
         const int now = stateNow();
-        ASSERT_TRUE(now == state || now == next) << "a half-changed store, state " << now;
+        ASSERT_TRUE(now == state || now == next)
+            << "a half-changed store; against the state before:" << differenceFrom(state)
+            << "; against the state after:" << differenceFrom(next);
         ASSERT_EQ(listed.out, listings[now]) << "list disagrees with the store";
         state = now;
     }

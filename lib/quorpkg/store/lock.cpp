@@ -1,12 +1,14 @@
 #include "quorpkg/store/lock.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +62,17 @@ bool tryLock(int fd) {
     return true;
 }
 
+// Whether the process the lock file names is gone. Whoever holds the lock
+// then is a child it forked that has not reached exec yet (the lock file is
+// closed on exec): it dies with its parent in a moment (PR_SET_PDEATHSIG).
+bool holderIsGone(int fd) {
+    const std::string holder = readHolder(fd);
+    pid_t pid = 0;
+    const auto [end, ec] = std::from_chars(holder.data(), holder.data() + holder.size(), pid);
+    if (ec != std::errc() || end != holder.data() + holder.size() || pid <= 0) return false;
+    return ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
 }  // namespace
 
 std::optional<StoreLock> StoreLock::acquire(int& code) {
@@ -103,7 +116,16 @@ std::optional<StoreLock> StoreLock::acquire(int& code) {
 std::optional<StoreLock> StoreLock::tryAcquireFresh() {
     if (t_depth > 0 || inheritedFromParent()) return std::nullopt;
     UniqueFd fd = openLockFile();
-    if (!fd || !tryLock(fd.get())) return std::nullopt;
+    if (!fd) return std::nullopt;
+    // A killed change's children outlive it by the moment they take to
+    // die; the change they leave is recovered once they are gone.
+    constexpr auto kOrphanGrace = std::chrono::seconds(2);
+    const auto deadline = std::chrono::steady_clock::now() + kOrphanGrace;
+    while (!tryLock(fd.get())) {
+        if (!holderIsGone(fd.get()) || std::chrono::steady_clock::now() > deadline)
+            return std::nullopt;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     writeHolder(fd.get());
     ++t_depth;
     ++g_heldHere;

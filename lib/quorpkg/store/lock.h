@@ -22,7 +22,8 @@ public:
 
     // Takes the lock only when it is free right now and nobody up the line
     // (this thread, or a parent through QUOR_PKG_LOCK_HELD) holds it: the
-    // case in which an unfinished change may be recovered.
+    // case in which an unfinished change may be recovered. A holder that is
+    // gone is waited for a moment, as its forked children die with it.
     static std::optional<StoreLock> tryAcquireFresh();
 
     // For readers that never take the lock: waits until the change that
