@@ -72,6 +72,25 @@ TEST(StoreLock, NestsWithinAThreadAndOnlyTheOutermostIsFresh) {
     EXPECT_TRUE(StoreLock::tryAcquireFresh());
 }
 
+// A process that takes the lock as a change does (its pid in the file),
+// forks a child that holds it `orphanHolds` longer when that is not zero,
+// then exits after `holds`. Only system calls between fork and exit.
+pid_t forkLockHolder(timespec holds, timespec orphanHolds = {}) {
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    const int fd = ::open(layout::lockFile().c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0 || ::flock(fd, LOCK_EX) != 0) ::_exit(1);
+    char text[16];
+    const int length = std::snprintf(text, sizeof text, "%d\n", ::getpid());
+    if (::pwrite(fd, text, length, 0) != length) ::_exit(1);
+    if ((orphanHolds.tv_sec || orphanHolds.tv_nsec) && ::fork() == 0) {
+        ::nanosleep(&orphanHolds, nullptr);
+        ::_exit(0);
+    }
+    ::nanosleep(&holds, nullptr);
+    ::_exit(0);
+}
+
 // A change killed while its child was between fork and exec: the child
 // still holds the lock for a moment. Recovery waits for it; a live holder
 // is never waited for.
@@ -79,47 +98,13 @@ TEST(StoreLock, AFreshLockWaitsOnlyForTheChildrenOfAHolderThatIsGone) {
     test::TempRoot root;
     int code = kOk;
     ASSERT_TRUE(StoreLock::acquire(code));  // makes the lock file
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t holder = ::fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        // Only system calls between fork and exit.
-        const int fd = ::open(layout::lockFile().c_str(), O_RDWR | O_CLOEXEC);
-        if (fd < 0 || ::flock(fd, LOCK_EX) != 0) ::_exit(1);
-        char pid[16];
-        const int length = std::snprintf(pid, sizeof pid, "%d\n", ::getpid());
-        if (::pwrite(fd, pid, length, 0) != length) ::_exit(1);
-        if (::fork() == 0) {
-            // The orphan: holds the lock a little longer, then is gone.
-            const timespec pause{0, 300'000'000};
-            ::nanosleep(&pause, nullptr);
-            ::_exit(0);
-        }
-        ::_exit(::write(ready[1], "x", 1) == 1 ? 0 : 1);
-    }
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
     int status = 0;
-    ASSERT_EQ(::waitpid(holder, &status, 0), holder);
+    const pid_t gone = forkLockHolder({}, {0, 300'000'000});
+    ASSERT_EQ(::waitpid(gone, &status, 0), gone);
     ASSERT_EQ(status, 0);
     EXPECT_TRUE(StoreLock::tryAcquireFresh());
 
-    // A holder that is alive: no wait at all.
-    const pid_t live = ::fork();
-    ASSERT_GE(live, 0);
-    if (live == 0) {
-        const int fd = ::open(layout::lockFile().c_str(), O_RDWR | O_CLOEXEC);
-        if (fd < 0 || ::flock(fd, LOCK_EX) != 0) ::_exit(1);
-        char pid[16];
-        const int length = std::snprintf(pid, sizeof pid, "%d\n", ::getpid());
-        if (::pwrite(fd, pid, length, 0) != length) ::_exit(1);
-        const timespec pause{1, 0};
-        ::nanosleep(&pause, nullptr);
-        ::_exit(0);
-    }
+    const pid_t live = forkLockHolder({1, 0});
     while (readFile(layout::lockFile()).value_or("") != std::to_string(live) + "\n")
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_FALSE(StoreLock::tryAcquireFresh());
