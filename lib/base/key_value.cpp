@@ -3,16 +3,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/text.h"
+
 namespace quor {
 namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 std::string_view trim(std::string_view s) {
-    const char* blanks = " \t\r";
-    size_t begin = s.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) return {};
-    return s.substr(begin, s.find_last_not_of(blanks) - begin + 1);
+    return trimBlanks(s, " \t\r");
 }
 
 bool validKey(std::string_view key) {

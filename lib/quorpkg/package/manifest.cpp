@@ -8,6 +8,7 @@
 
 #include "base/near_miss.h"
 #include "base/result.h"
+#include "base/text.h"
 #include "quorpkg/package/version.h"
 
 namespace quor {
@@ -18,10 +19,7 @@ bool isAlnum(char c) {
 }
 
 std::string_view trim(std::string_view s) {
-    const char* blanks = " \t";
-    size_t begin = s.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) return {};
-    return s.substr(begin, s.find_last_not_of(blanks) - begin + 1);
+    return trimBlanks(s, " \t");
 }
 
 // A list written the way Debian packages write theirs ("a (>= 1.0), b"):

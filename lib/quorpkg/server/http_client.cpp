@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "base/file_util.h"
+#include "base/text.h"
 #include "quorpkg/server/curl_api.h"
 
 namespace quor {
@@ -105,13 +106,6 @@ private:
     CURL* own_ = nullptr;
 };
 
-std::string trimmed(std::string_view text) {
-    const char* blanks = " \t\r\n";
-    size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) return {};
-    return std::string(text.substr(begin, text.find_last_not_of(blanks) - begin + 1));
-}
-
 // Seconds to wait from a Retry-After value: delta-seconds or an HTTP date.
 int64_t retryDelay(const std::string& value) {
     if (!value.empty() && value.size() < 10 &&
@@ -138,7 +132,7 @@ size_t onHeader(char* data, size_t, size_t size, void* user) {
     if (colon == std::string_view::npos) return size;
     std::string name(line.substr(0, colon));
     for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const std::string value = trimmed(line.substr(colon + 1));
+    const std::string value(trimBlanks(line.substr(colon + 1)));
     if (name == "etag")
         result->etag = value;
     else if (name == "last-modified")

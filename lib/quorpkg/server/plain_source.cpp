@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "base/result.h"
+#include "base/text.h"
 #include "base/utc_time.h"
 #include "quorpkg/package/md5.h"
 #include "quorpkg/package/trust.h"
@@ -17,13 +18,6 @@ namespace {
 
 constexpr uint64_t kMaxHashBytes = 4096;
 constexpr uint64_t kMaxSignatureBytes = 4096;
-
-std::string trimmed(const std::string& text) {
-    const char* blanks = " \t\r\n";
-    size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string::npos) return {};
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
 
 // A kept catalog serves only while it would pass the trust check again:
 // when signatures are required, the key that verified it is still trusted.
@@ -104,7 +98,7 @@ int loadFromMirror(const Source& source, const std::string& lang, const CatalogL
     int code = fetchFirst(source, {"catalog-" + lang + ".hash", "catalog.hash"}, kMaxHashBytes,
                           asking, serverHash, error);
     if (code == kServerUnreachable) return code;
-    serverHash = trimmed(serverHash);
+    serverHash = std::string(trimBlanks(serverHash));
     auto rememberedPairs = [&](const std::string& hash, const std::string& key) {
         KeyValues pairs = {{"hash", hash}, {"source", source.url}};
         if (!key.empty()) pairs.emplace_back("key", key);

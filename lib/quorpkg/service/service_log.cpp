@@ -5,6 +5,7 @@
 #include "base/layout.h"
 #include "base/result.h"
 #include "base/system_root.h"
+#include "base/text.h"
 #include "quorpkg/scripts/script_runner.h"
 #include "quorpkg/service/services.h"
 #include "quorpkg/store/store.h"
@@ -16,11 +17,8 @@ namespace {
 
 // The first line the script printed, blanks trimmed.
 std::string firstLine(const std::string& output) {
-    std::string line = output.substr(0, output.find('\n'));
-    const char* blanks = " \t\r";
-    size_t begin = line.find_first_not_of(blanks);
-    if (begin == std::string::npos) return {};
-    return line.substr(begin, line.find_last_not_of(blanks) - begin + 1);
+    const std::string_view line = std::string_view(output).substr(0, output.find('\n'));
+    return std::string(trimBlanks(line, " \t\r"));
 }
 
 // The script names a system path (or a host path under the root, which it
