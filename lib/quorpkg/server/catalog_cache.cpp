@@ -37,13 +37,12 @@ void keepCatalog(const CacheFiles& files, const std::string& text, const KeyValu
 }
 
 void rememberRetryAfter(const CacheFiles& files, int64_t when) {
-    std::optional<std::string> text = readFile(files.hash);
-    std::optional<KeyValues> pairs = text ? parseKeyValues(*text) : KeyValues{};
-    if (!pairs) pairs.emplace();
-    setValue(*pairs, "retry_after", std::to_string(when));
+    // A hash file that cannot be read says nothing worth keeping.
+    KeyValues pairs = parseKeyValues(readFile(files.hash).value_or("")).value_or(KeyValues{});
+    setValue(pairs, "retry_after", std::to_string(when));
     std::error_code ec;
     fs::create_directories(files.hash.parent_path(), ec);
-    writeFileAtomic(files.hash, formatKeyValues(*pairs));
+    writeFileAtomic(files.hash, formatKeyValues(pairs));
 }
 
 void renewKeptCatalog(const CacheFiles& files, const KeyValues* remembered) {
